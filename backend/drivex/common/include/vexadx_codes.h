@@ -1,0 +1,18 @@
+#pragma once
+
+#include "vexadx_export.h"
+
+// The library's own result codes. Codes of a plug-in library or an X process are passed through unchanged and may be
+// any number.
+namespace vexadx {
+
+constexpr int kSuccess = 0;
+constexpr int kPluginThrew = 1;           // an entry point let an exception out; a plug-in may answer 1 itself
+constexpr int kLibraryNotLoaded = 99114;  // the plug-in library could not be loaded, or lacks a mandatory entry point
+constexpr int kNotInitialized = 99115;    // the engine has not been initialised, or its initialisation failed
+constexpr int kNoLibraryName = 99118;     // no plug-in library is configured for the X
+
+// What one of these codes means, in one line without a full stop; null for any other code. The text is static.
+VEXADX_API const char* ResultText(int code);
+
+}  // namespace vexadx

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <array>
+#include <string>
+
+#include "vexadx_export.h"
+
+class XConfigOptions;
+
+// What a host and a plug-in library need to know about each other beyond the classes.
+namespace vexadx {
+
+// An entry point of a plug-in library, a plain C function.
+struct PluginEntryPoint {
+  const char* name;
+  bool mandatory;
+};
+
+// The seven entry points, in the order in which the library looks them up.
+inline constexpr std::array<PluginEntryPoint, 7> kPluginEntryPoints{{{"setup_dxcallback", false},
+                                                                     {"init_embedded_x", true},
+                                                                     {"execute_x", true},
+                                                                     {"stop_embedded_x", true},
+                                                                     {"pre_action", true},
+                                                                     {"post_action", true},
+                                                                     {"set_post_vexa_output", false}}};
+
+// The file that an in-process engine with these options loads for the library name, which is that of the options
+// (GetXLibName). Asks the Java preferences for the directory.
+VEXADX_API std::string PluginLibraryPath(XConfigOptions& options, const std::string& libName);
+
+constexpr char kHostCallbackTag[8] = {'V', 'X', 'D', 'X', 'H', 'C', 'B', '1'};
+
+// The table that our hosts hand to a plug-in through setup_dxcallback. A plug-in looks at the tag first and ignores a
+// table that does not carry it: other hosts have tables of their own. The table must outlive the engine's last run.
+struct HostCallback {
+  char tag[8];    // kHostCallbackTag
+  unsigned size;  // sizeof(HostCallback) of the host; members are only ever added at the end
+
+  // Called by the plug-in to say how its running block is interrupted. The host may call `interrupt` at any time, also
+  // from a signal handler; while no block runs it does nothing.
+  void (*setInterrupt)(void (*interrupt)());
+};
+
+}  // namespace vexadx

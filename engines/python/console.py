@@ -1,0 +1,149 @@
+"""What the interpreter's console would do around the blocks: streams, tracebacks, exit statuses.
+
+Runs in a module of the plug-in's own, which brings these functions:
+  write(descriptor, bytes)  all of them to the host's output function or, without one, to the descriptor
+  redirected()              whether there is an output function
+  forked()                  makes the output usable in a child process
+  source(name)              the bytes of a block that is still held, or None
+"""
+
+import codecs
+import importlib.util
+import io
+import linecache
+import os
+import signal
+import sys
+import threading  # noqa: F401: takes the thread that imports it first for the main one
+import traceback
+
+
+class Output(io.RawIOBase):
+    """One of the process's two output streams, without a buffer. A write is complete or fails."""
+
+    mode = "wb"
+
+    def __init__(self, descriptor, name):
+        self._descriptor = descriptor
+        self.name = name
+
+    def writable(self):
+        return True
+
+    def fileno(self):
+        return self._descriptor
+
+    def isatty(self):
+        return not redirected() and os.isatty(self._descriptor)
+
+    def write(self, data):
+        return write(self._descriptor, data)
+
+
+def escape_output(error):
+    """Undecodable bytes leave as they came in; a surrogate that stands for none is shown by its number."""
+    try:
+        return codecs.lookup_error("surrogateescape")(error)
+    except UnicodeError:
+        return codecs.backslashreplace_errors(error)
+
+
+def open_stream(descriptor, name):
+    return io.TextIOWrapper(
+        Output(descriptor, name), encoding="utf-8", errors="vexapython.escape", newline="\n", write_through=True
+    )
+
+
+def source_lines(name):
+    text = source(name)
+    if text is None:
+        return None
+    try:
+        text = importlib.util.decode_source(text)
+    except (SyntaxError, UnicodeError):
+        return None
+    return [line + "\n" for line in text.split("\n")]
+
+
+def block_names(report):
+    names = set()
+    pending = [report]
+    while pending:
+        part = pending.pop()
+        names.update(frame.filename for frame in part.stack)
+        related = [part.__cause__, part.__context__, *(getattr(part, "exceptions", None) or ())]
+        pending += [other for other in related if other is not None]
+    return [name for name in names if name.startswith("<block ")]
+
+
+def show(kind, value, trace):
+    """The interpreter's own excepthook, and the source lines of blocks, which are in no file."""
+    report = traceback.TracebackException(kind, value, trace, lookup_lines=False)
+    names = block_names(report)
+    for name in names:
+        lines = source_lines(name)
+        if lines is not None:
+            linecache.cache[name] = (sum(map(len, lines)), None, lines, name)
+    try:
+        sys.stderr.write("".join(report.format()))
+    finally:
+        for name in names:
+            linecache.cache.pop(name, None)
+
+
+def exit_status(leaving):
+    status = leaving.code
+    if status is None:
+        return 0
+    if isinstance(status, int):
+        return status
+    sys.stderr.write(f"{status}\n")
+    return 1
+
+
+def outcome(value):
+    """The code of a block that ended with this exception, after showing what the console would show."""
+    if isinstance(value, SystemExit):
+        return exit_status(value)
+    raised = (type(value), value, value.__traceback__)
+    sys.last_type, sys.last_value, sys.last_traceback = raised
+    sys.last_exc = value
+    try:
+        sys.excepthook(*raised)
+    except SystemExit as leaving:
+        return exit_status(leaving)
+    except BaseException as failure:
+        sys.stderr.write("Error in sys.excepthook:\n")
+        show(type(failure), failure, failure.__traceback__)
+        sys.stderr.write("\nOriginal exception was:\n")
+        show(*raised)
+    return 1
+
+
+def take_interrupts():
+    """Whether an interrupt raises KeyboardInterrupt on this thread from now on. A handler already set is kept."""
+    handler = signal.getsignal(signal.SIGINT)
+    try:
+        signal.signal(signal.SIGINT, handler if callable(handler) else signal.default_int_handler)
+    except ValueError:  # signals are for the thread that started the interpreter
+        return False
+    return True
+
+
+def begin(arguments):
+    sys.argv = ["", *arguments]
+    sys.stdout = sys.__stdout__ = open_stream(1, "<stdout>")
+    sys.stderr = sys.__stderr__ = open_stream(2, "<stderr>")
+    sys.excepthook = show
+
+
+def end():
+    for stream in (sys.stdout, sys.stderr):
+        try:
+            stream.flush()
+        except Exception:
+            pass  # a stream that was closed, or put there by a block, has nobody left to tell
+
+
+codecs.register_error("vexapython.escape", escape_output)
+os.register_at_fork(after_in_child=forked)

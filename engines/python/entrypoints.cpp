@@ -1,0 +1,71 @@
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <mutex>
+#include <span>
+
+#include "block.h"
+#include "boundary.h"
+#include "interpreter.h"
+#include "interrupts.h"
+#include "output.h"
+#include "vexadx_export.h"
+#include "vexadx_plugin.h"
+
+namespace {
+
+constexpr int kFailed = 1;
+
+std::atomic<bool> gStarted{false};
+std::mutex gStarting;  // held while the interpreter is started or stopped. Outer to the interpreter lock
+
+int start(std::span<char* const> arguments) {
+  const std::lock_guard guard(gStarting);
+  gStarted = vexapython::StartInterpreter(arguments);
+  return gStarted ? 0 : kFailed;
+}
+
+int stop() {
+  const std::lock_guard guard(gStarting);
+  if (gStarted.exchange(false)) vexapython::RestInterpreter();
+  return 0;
+}
+
+void offerInterrupt(const vexadx::HostCallback* host) {
+  if (!host || std::memcmp(host->tag, vexadx::kHostCallbackTag, sizeof host->tag) != 0) return;
+  if (host->size < sizeof *host || !host->setInterrupt) return;
+  host->setInterrupt(vexapython::InterruptBlocks);
+}
+
+}  // namespace
+
+extern "C" {
+
+VEXADX_API void setup_dxcallback(void* callback) {
+  (void)vexapython::Contained(kFailed, [&] {
+    offerInterrupt(static_cast<const vexadx::HostCallback*>(callback));
+    return 0;
+  });
+}
+
+VEXADX_API int init_embedded_x(int argc, char** argv) {
+  const std::span<char* const> arguments(argv, argv ? static_cast<std::size_t>(std::max(argc, 0)) : 0);
+  return vexapython::Contained(kFailed, [&] { return start(arguments); });
+}
+
+VEXADX_API int execute_x(char* syntax) {
+  if (!gStarted || !syntax) return kFailed;
+  return vexapython::Contained(kFailed, [&] { return vexapython::RunBlock(syntax); });
+}
+
+VEXADX_API int stop_embedded_x() { return vexapython::Contained(kFailed, stop); }
+
+VEXADX_API void set_post_vexa_output(int (*output)(const char* text, int length)) {
+  vexapython::SetOutputFunction(output);
+}
+
+VEXADX_API int pre_action() { return 0; }
+
+VEXADX_API int post_action() { return 0; }
+
+}  // extern "C"

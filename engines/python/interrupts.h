@@ -1,0 +1,41 @@
+#pragma once
+
+namespace vexapython {
+
+// Blocks running on this thread are from now on interrupted through Python's handling of SIGINT, which it has on one
+// thread only. REQUIRES: the interpreter lock is held.
+void InterruptBySignalHere();
+
+// Raises KeyboardInterrupt in every block that runs now, of a nested run too; while none runs nothing happens. It
+// reaches a block on the thread above at its next instruction or interrupted system call, on any other thread at its
+// next instruction. Any thread, also from a signal handler.
+void InterruptBlocks();
+
+// Ends the thread that carries interrupts to blocks on other threads, if there is one. REQUIRES: the interpreter lock
+// is not held.
+void StopInterrupts();
+
+// Makes a block interruptible from construction to destruction. An interrupt that comes too late for it does not hit
+// what runs next. REQUIRES: made and destroyed on one thread with the interpreter lock held and no exception set.
+class InterruptTarget {
+ public:
+  InterruptTarget();
+  ~InterruptTarget();
+  InterruptTarget(const InterruptTarget&) = delete;
+  InterruptTarget& operator=(const InterruptTarget&) = delete;
+
+  // Hits the targets of earlier requests. REQUIRES: the interpreter lock is held.
+  static void Deliver();
+
+ private:
+  void endOnSignalThread();
+  void endElsewhere();
+
+  const unsigned long m_thread;
+  const bool m_bySignal;
+  unsigned m_seen;  // the requests that are no longer for this block
+  bool m_hit = false;
+  InterruptTarget* m_next = nullptr;
+};
+
+}  // namespace vexapython

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "commandline.h"
+
+// One block of syntax, ready to be run.
+struct Block {
+  std::string name;
+  std::string text;  // without NUL bytes; ends in a newline unless it is empty
+};
+
+// Reads every source, in order. Throws Problem when one cannot be read or holds a NUL byte.
+std::vector<Block> ReadBlocks(const std::vector<BlockSource>& sources);

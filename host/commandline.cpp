@@ -1,0 +1,115 @@
+#include "commandline.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+
+#include "dxutils.h"
+#include "problem.h"
+
+namespace {
+
+constexpr const char* kHelpAdvice = "\"vexadx --help\" and \"vexadx run --help\" show the usage";
+
+// The files and texts of `vexadx run`. The parser collects each kind for itself; its parse order tells how they were
+// mixed.
+struct RunSources {
+  CLI::Option* fileOption = nullptr;
+  CLI::Option* textOption = nullptr;
+  std::vector<std::string> files;
+  std::vector<std::string> texts;
+
+  void Declare(CLI::App& run) {
+    fileOption = run.add_option("FILE", files, "Files to run, one block each; - is standard input");
+    // Without extra arguments each -e takes one text, and one in square brackets is not split as a list.
+    textOption = run.add_option("-e", texts, "Text to run, one block");
+    textOption->allow_extra_args(false)->type_name("TEXT");
+  }
+
+  std::vector<BlockSource> InOrder(const CLI::App& run) const {
+    std::vector<BlockSource> sources;
+    auto file = files.begin();
+    auto text = texts.begin();
+    for (const CLI::Option* option : run.parse_order()) {
+      if (option == textOption) {
+        sources.push_back({BlockSource::Kind::kText, *text++});
+      } else if (option == fileOption) {
+        const auto kind = *file == "-" ? BlockSource::Kind::kStandardInput : BlockSource::Kind::kFile;
+        sources.push_back({kind, *file++});
+      }
+    }
+    return sources;
+  }
+};
+
+// The arguments after the program's name, last first as the parser wants them. It would split a file name in square
+// brackets as a list.
+std::vector<std::string> Arguments(int argc, char** argv) {
+  std::vector<std::string> arguments(argv + 1, argv + argc);
+  for (std::size_t i = 1; i < arguments.size(); ++i) {
+    std::string& argument = arguments[i];
+    if (argument.starts_with('[') && argument.ends_with(']') && arguments[i - 1] != "-e") argument.insert(0, "./");
+  }
+  std::reverse(arguments.begin(), arguments.end());
+  return arguments;
+}
+
+void CheckSources(const std::vector<BlockSource>& sources) {
+  if (sources.empty()) {
+    throw Problem(kWrongUsage, "there is nothing to run", "name a file, - for standard input, or a text with -e");
+  }
+  const auto isInput = [](const BlockSource& s) { return s.kind == BlockSource::Kind::kStandardInput; };
+  if (std::count_if(sources.begin(), sources.end(), isInput) > 1) {
+    throw Problem(kWrongUsage, "standard input (-) is named more than once", "name it once; it can be read only once");
+  }
+}
+
+void AddTrace(CLI::App& command, CommandLine& result) {
+  command.add_option("--trace", result.trace, "Trace file, instead of the configured one")->type_name("FILE");
+}
+
+void AddJson(CLI::App& command, CommandLine& result) {
+  command.add_flag("--json", result.json, "Write one JSON object a line to standard output");
+}
+
+}  // namespace
+
+std::optional<CommandLine> ParseCommandLine(int argc, char** argv) {
+  CommandLine result;
+  CLI::App app("Runs blocks of a language through its engine.", "vexadx");
+  app.set_version_flag("--version", "vexadx " VEXADX_VERSION, "Print the version and exit");
+  app.require_subcommand(1);
+
+  CLI::App* run = app.add_subcommand("run", "Run files and texts, one block each, in the order given");
+  run->add_option("ENGINE", result.engine, "The engine's name, for instance PYTHON")->required();
+  RunSources sources;
+  sources.Declare(*run);
+  run->add_flag("--in-process", result.inProcess, "Run the engine inside this process");
+  AddTrace(*run, result);
+  AddJson(*run, result);
+  run->add_flag("--verbose", result.verbose, "Report successful blocks, too");
+
+  CLI::App* engines = app.add_subcommand("engines", "List the configured engines");
+  AddJson(*engines, result);
+
+  CLI::App* doctor = app.add_subcommand("doctor", "Check whether engines would run, and say what to do if not");
+  doctor->add_option("--engine", result.engine, "Check this engine only")->type_name("X");
+  AddTrace(*doctor, result);
+  AddJson(*doctor, result);
+
+  try {
+    app.parse(Arguments(argc, argv));
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() != 0) throw Problem(kWrongUsage, error.what(), kHelpAdvice);
+    (void)app.exit(error);  // prints the help or the version
+    return std::nullopt;
+  }
+
+  result.engine = UpperString(result.engine);
+  if (engines->parsed()) result.command = CommandLine::Command::kEngines;
+  if (doctor->parsed()) result.command = CommandLine::Command::kDoctor;
+  if (run->parsed()) {
+    result.sources = sources.InOrder(*run);
+    CheckSources(result.sources);
+  }
+  return result;
+}

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+// Where one block comes from.
+struct BlockSource {
+  enum class Kind { kFile, kStandardInput, kText };
+  Kind kind;
+  std::string value;  // the file's path, or the text itself
+};
+
+struct CommandLine {
+  enum class Command { kRun, kEngines, kDoctor };
+  Command command = Command::kRun;
+  std::string engine;                // upper case; empty stands for every engine where one need not be named
+  std::vector<BlockSource> sources;  // in the order of the command line
+  bool inProcess = false;
+  bool json = false;
+  bool verbose = false;
+  std::string trace;  // empty: as configured
+};
+
+// Throws Problem for wrong usage. Nothing comes back when printing help or the version was all that was asked.
+std::optional<CommandLine> ParseCommandLine(int argc, char** argv);

@@ -1,0 +1,12 @@
+#pragma once
+
+// How vexadx ends. Part of its interface: scripts decide on these numbers.
+enum ExitStatus : int {
+  kAllSucceeded = 0,
+  kBlockFailed = 1,         // a block answered a code other than 0
+  kWrongUsage = 2,          // command line wrong, input not readable, output not writable
+  kNotStarted = 3,          // the engine could not be started
+  kWrongConfiguration = 5,  // configuration missing or wrong
+  kInterrupted = 130,       // ended by Ctrl-C
+  kTerminated = 143,        // ended by TERM
+};

@@ -1,0 +1,77 @@
+#include "interrupt.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <string_view>
+
+namespace interrupt {
+
+namespace {
+
+// The state that the handler touches. Lock-free, because the handler may stop any thread between any two instructions.
+std::atomic<int> gStep{0};
+std::atomic<bool> gBlockRunning{false};
+std::atomic<bool> gTerminated{false};
+std::atomic<void (*)()> gInterruptBlock{nullptr};
+static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free &&
+              std::atomic<void (*)()>::is_always_lock_free);
+
+constexpr int kEndStep = 2;
+constexpr std::array<std::string_view, kEndStep> kNotices{
+    "vexadx: interrupting the block (Ctrl-C again ends the run)\n",
+    "vexadx: interrupting the block and ending the run (once more leaves at once)\n"};
+constexpr std::string_view kCannotInterrupt =
+    "vexadx: this engine cannot interrupt its block (the third Ctrl-C leaves at once)\n";
+
+// Async-signal-safe: atomics, write, _exit and the engine's own function, which promises to be so.
+void OnSignal(int signal) {
+  const int errnoBefore = errno;
+  if (signal == SIGTERM) gTerminated = true;
+  const int step = std::max(gStep + 1, signal == SIGTERM ? kEndStep : 1);
+  gStep = step;
+  if (!gBlockRunning || step > kEndStep) ::_exit(128 + signal);
+
+  void (*interruptBlock)() = gInterruptBlock;
+  const std::string_view notice = interruptBlock ? kNotices[static_cast<std::size_t>(step) - 1] : kCannotInterrupt;
+  (void)!::write(STDERR_FILENO, notice.data(), notice.size());
+  if (interruptBlock) interruptBlock();
+  errno = errnoBefore;
+}
+
+void InstallFor(int signal) {
+  struct sigaction action {};
+  if (::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) return;
+  action = {};
+  action.sa_handler = &OnSignal;
+  // Not restarting: a block that waits in a system call has to notice that it was interrupted.
+  ::sigemptyset(&action.sa_mask);
+  ::sigaddset(&action.sa_mask, SIGINT);
+  ::sigaddset(&action.sa_mask, SIGTERM);
+  (void)::sigaction(signal, &action, nullptr);
+}
+
+}  // namespace
+
+void Install() {
+  InstallFor(SIGINT);
+  InstallFor(SIGTERM);
+}
+
+void SetFunction(void (*interruptBlock)()) { gInterruptBlock = interruptBlock; }
+
+RunningBlock::RunningBlock() : m_stepBefore(gStep) { gBlockRunning = true; }
+
+RunningBlock::~RunningBlock() { gBlockRunning = false; }
+
+bool RunningBlock::Interrupted() const { return gStep != m_stepBefore; }
+
+bool EndRequested() { return gStep >= kEndStep; }
+
+ExitStatus Status() { return gTerminated ? kTerminated : kInterrupted; }
+
+}  // namespace interrupt

@@ -1,0 +1,31 @@
+#pragma once
+
+#include "blocks.h"
+#include "inpstatisticsx.h"
+#include "report.h"
+#include "xconfigoptions.h"
+
+// One engine inside this process: Load, Start, blocks, Stop. Used by one thread.
+class Session {
+ public:
+  // Opens the plug-in library. The options must outlive the session.
+  explicit Session(XConfigOptions& options);
+
+  // The blocks' output goes to the function instead of the process's streams.
+  void SendOutputTo(int (*output)(const char* text, int length));
+
+  // Each throws Problem when the engine cannot be used.
+  void Load();
+  void Start();
+
+  BlockResult Run(Block& block);
+
+  // The engine's code.
+  int Stop();
+
+ private:
+  void Execute(Block& block, BlockResult& result);
+
+  XConfigOptions& m_options;
+  InpStatisticsX m_engine;
+};

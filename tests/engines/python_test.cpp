@@ -1,0 +1,505 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <climits>
+#include <clocale>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <iterator>
+#include <optional>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "dxglobals.h"
+#include "inpstatisticsx.h"
+#include "temphome.h"
+#include "vexadx_plugin.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using std::string_literals::operator""s;
+
+std::string gOutput;
+std::function<void()> gOnOutput;
+void (*gInterrupt)() = nullptr;
+
+int takeOutput(const char* text, int length) {
+  gOutput.append(text, static_cast<std::size_t>(length));
+  if (gOnOutput) gOnOutput();
+  return 0;
+}
+
+// As a host does it.
+void onSigint(int /*signal*/) {
+  if (gInterrupt) gInterrupt();
+}
+
+vexadx::HostCallback hostCallback() {
+  vexadx::HostCallback table{};
+  std::copy(std::begin(vexadx::kHostCallbackTag), std::end(vexadx::kHostCallbackTag), table.tag);
+  table.size = sizeof table;
+  table.setInterrupt = [](void (*interrupt)()) { gInterrupt = interrupt; };
+  return table;
+}
+
+std::string withoutBlockNumbers(const std::string& text) {
+  return std::regex_replace(text, std::regex("<block \\d+>"), "<block N>");
+}
+
+template <typename Function>
+auto onAnotherThread(Function function) {
+  return std::async(std::launch::async, function).get();
+}
+
+std::size_t entriesOf(const char* directory) {
+  const std::filesystem::directory_iterator entries(directory);
+  return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+}
+
+class Python : public testing::Test {
+ protected:
+  Python() {
+    SetVEXAHOME(m_home.Path().c_str());
+    m_options.PutOption("LIB_NAME", "vexapython");
+    m_engine.emplace(&m_options, true);
+    m_engine->set_post_vexa_output(&takeOutput);
+    m_engine->setup_dxcallback(&m_callback);
+    struct sigaction action {};
+    action.sa_handler = &onSigint;
+    ::sigaction(SIGINT, &action, nullptr);
+    gOutput.clear();
+  }
+  ~Python() override {
+    m_engine.reset();
+    gOnOutput = nullptr;
+  }
+
+  int Start() { return m_engine->init_embedded_x(0, nullptr); }
+  int Run(std::string block) {
+    gOutput.clear();
+    return m_engine->execute_x(block.data());
+  }
+
+  // Sends real signals to the thread, from the moment that the block has printed something until it has ended. More
+  // than one, because CPython misses a signal that comes between its last look and a system call.
+  int RunAndInterrupt(const std::string& block) {
+    std::promise<void> ready;
+    std::promise<void> ended;
+    gOnOutput = [&] {
+      gOnOutput = nullptr;
+      ready.set_value();
+    };
+    const auto interrupting = std::async(std::launch::async, [&, runner = ::pthread_self()] {
+      ready.get_future().wait();
+      const auto done = ended.get_future();
+      do {
+        ::pthread_kill(runner, SIGINT);
+      } while (done.wait_for(100ms) == std::future_status::timeout);
+    });
+    const int code = Run(block);
+    ended.set_value();
+    return code;
+  }
+
+  // Interrupts around the end of one block must leave the one after it alone, however late they are carried.
+  int CountBlocksHitTooLate() {
+    int hit = 0;
+    for (int i = 0; i < 100; ++i) {
+      std::promise<void> ready;
+      std::atomic<bool> go = false;
+      const auto interrupting = std::async(std::launch::async, [&] {
+        ready.set_value();
+        while (!go) {
+        }
+        const auto moment = std::chrono::steady_clock::now() + i * 1us;
+        while (std::chrono::steady_clock::now() < moment) {
+        }
+        gInterrupt();
+      });
+      ready.get_future().wait();
+      go = true;
+      (void)Run("for turn in range(500): pass");
+      interrupting.wait();
+      hit += Run("import time\nend = time.monotonic() + 0.01\nwhile time.monotonic() < end: pass") != 0;
+    }
+    return hit;
+  }
+
+  TempHome m_home;
+  XConfigOptions m_options{"PYX"};  // a name that has no Java preferences
+  vexadx::HostCallback m_callback = hostCallback();
+  std::optional<InpStatisticsX> m_engine;
+};
+
+struct BlockCase {
+  std::string block;
+  int code;
+  std::vector<std::string> output;  // parts, in this order; an empty one: nothing at all
+};
+
+const BlockCase kBlocks[] = {
+    {"", 0, {}},
+    {"first = 1\nprint(first + 1)", 0, {"2\n"}},
+    {"print(1)\r\nprint(2)\r\n", 0, {"1\n2\n"}},
+    {"print(1)\rprint(2)", 0, {"1\n2\n"}},
+    {"1 +", 1, {"  File \"<block N>\", line 1\n    1 +\n       ^\nSyntaxError: invalid syntax\n"}},
+    {"def f():\n    return 1/0\nf()\n",
+     1,
+     {"Traceback (most recent call last):\n  File \"<block N>\", line 3, in <module>\n    f()\n",
+      "  File \"<block N>\", line 2, in f\n    return 1/0\n           ~^~\nZeroDivisionError: division by zero\n"}},
+    {"try:\n    1/0\nexcept ValueError.__base__ as e:\n    raise KeyError('k') from e\n",
+     1,
+     {"line 2, in <module>\n    1/0\n", "direct cause", "line 4, in <module>\n    raise KeyError('k') from e\n"}},
+    {"def deeper(): deeper()\ndeeper()", 1, {"    def deeper(): deeper()\n", "RecursionError"}},
+    {std::string(300, '('), 1, {"SyntaxError: too many nested parentheses\n"}},
+    {"text = '\xff'", 1, {"SyntaxError: (unicode error)"}},
+    {"# coding: latin-1\nprint('\xe9')", 0, {"\xc3\xa9\n"}},
+    {"# coding: latin-1\nraise ValueError('\xe9')",
+     1,
+     {"    raise ValueError('\xc3\xa9')\n", "ValueError: \xc3\xa9\n"}},
+    {"# coding: nowhere\n", 1, {"SyntaxError: "}},
+    {"page = '\f'\n1/0 # after it", 1, {"line 2, in <module>\n    1/0 # after it\n"}},
+    {"print('\\udcff', '\\ud800', '\\udcff\\ud800')", 0, {"\xff \\ud800 \\udcff\\ud800\n"}},
+    {"import sys\nprint('a')\nprint('b', file=sys.stderr)\nsys.stdout.buffer.write(b'\\0\\xff')\nprint('c', end='')",
+     0,
+     {"a\nb\n\0\xff"s + "c"}},
+    {"print(sys.stdout.fileno(), sys.stderr.fileno(), sys.stdout.isatty(), sys.stdin is sys.__stdin__)",
+     0,
+     {"1 2 False True\n"}},
+    {"raise SystemExit", 0, {""}},
+    {"raise SystemExit(None)", 0, {""}},
+    {"raise SystemExit(7)", 7, {""}},
+    {"raise SystemExit(-3)", -3, {""}},
+    {"raise SystemExit(2**70)", -1, {""}},
+    {"raise SystemExit('bye')", 1, {"bye\n"}},
+    {"raise SystemExit((1, 2))", 1, {"(1, 2)\n"}},
+    {"raise KeyboardInterrupt", 1, {"KeyboardInterrupt\n"}},
+    {"class Mute(Exception):\n    def __str__(self): raise SystemExit(5)\nraise Mute", 1, {}},
+    {"kept, sys.excepthook = sys.excepthook, lambda *raised: print('mine')\n1/0", 1, {"mine\n"}},
+    {"def leave(*raised): raise SystemExit(4)\nsys.excepthook = leave\n1/0", 4, {""}},
+    {"def fail(*raised): raise KeyError\nsys.excepthook = fail\n1/0",
+     1,
+     {"Error in sys.excepthook:\n", "KeyError", "Original exception was:\n", "    1/0\n", "ZeroDivisionError"}},
+    {"del sys.excepthook\n1/0", 1, {"ZeroDivisionError"}},
+    {"sys.excepthook = kept\nsys.stderr, kept = None, sys.stderr\n1/0", 1, {""}},
+    {"sys.stderr = kept\nraise ValueError('shown again')", 1, {"ValueError: shown again\n"}},
+    {"import linecache\nprint([name for name in linecache.cache if name.startswith('<block')])", 0, {"[]\n"}},
+};
+
+bool holdsInOrder(const std::string& text, const std::vector<std::string>& parts) {
+  std::size_t position = 0;
+  for (const std::string& part : parts) {
+    if (part.empty()) return text.empty();
+    position = text.find(part, position);
+    if (position == std::string::npos) return false;
+    position += part.size();
+  }
+  return true;
+}
+
+}  // namespace
+
+TEST_F(Python, AnswersAndShowsWhatTheConsoleWould) {
+  ASSERT_EQ(0, Start());
+  for (const BlockCase& c : kBlocks) {
+    EXPECT_EQ(c.code, Run(c.block)) << c.block << '\n' << gOutput;
+    EXPECT_TRUE(holdsInOrder(withoutBlockNumbers(gOutput), c.output)) << c.block << '\n' << gOutput;
+    EXPECT_EQ(0, Run("good = 'again'")) << c.block << '\n' << gOutput;
+  }
+  EXPECT_EQ(0, Run("assert first == 1 and __name__ == '__main__' and good == 'again'"));
+}
+
+TEST_F(Python, TakesAndPrintsFiftyMegabytes) {
+  constexpr std::size_t kSize = 50'000'000;
+  ASSERT_EQ(0, Start());
+  EXPECT_EQ(0, Run("big = '''" + std::string(kSize, 'a') + "'''\nassert len(big) == 50_000_000"));
+  EXPECT_EQ(0, Run("print(big, end='')"));
+  EXPECT_EQ(kSize, gOutput.size());
+  EXPECT_EQ(kSize, static_cast<std::size_t>(std::count(gOutput.begin(), gOutput.end(), 'a')));
+}
+
+TEST_F(Python, SplitsPiecesTooLongForTheOutputFunction) {
+  static std::size_t total = 0;
+  static int shortest = INT_MAX;
+  m_engine->set_post_vexa_output([](const char*, int length) {
+    total += static_cast<std::size_t>(length);
+    shortest = std::min(shortest, length);
+    return 0;
+  });
+  ASSERT_EQ(0, Start());
+  // Nobody touches these pages.
+  EXPECT_EQ(0, Run("import mmap, sys\nassert sys.stdout.buffer.write(mmap.mmap(-1, 2**31 + 10)) == 2**31 + 10"));
+  EXPECT_EQ((std::size_t{1} << 31) + 10, total);
+  EXPECT_EQ(11, shortest);
+}
+
+TEST_F(Python, OutputAppearsWhileTheBlockRuns) {
+  std::array<int, 2> pipe{};
+  ASSERT_EQ(0, ::pipe(pipe.data()));
+  ASSERT_EQ(0, Start());
+  // The block goes on only because its output has come.
+  gOnOutput = [&] {
+    if (gOutput == "ready") (void)!::write(pipe[1], "x", 1);
+  };
+  EXPECT_EQ(0, Run("import os\nprint('ready', end='')\nos.read(" + std::to_string(pipe[0]) + ", 1)\nprint('on')"));
+  EXPECT_EQ("readyon\n", gOutput);
+  for (const int end : pipe) ::close(end);
+}
+
+TEST_F(Python, OutputFunctionMayChangeWhileTheBlockRuns) {
+  static std::string other;
+  ASSERT_EQ(0, Start());
+  gOnOutput = [&] {
+    m_engine->set_post_vexa_output([](const char* text, int length) {
+      other.append(text, static_cast<std::size_t>(length));
+      return 0;
+    });
+  };
+  EXPECT_EQ(0, Run("print('one', end='')\nprint('two', end='')"));
+  EXPECT_EQ("one", gOutput);
+  EXPECT_EQ("two", other);
+}
+
+TEST_F(Python, ThreadsOfABlockDoNotCallTheOutputFunctionAtOnce) {
+  std::atomic<int> inside = 0;
+  std::atomic<int> most = 0;
+  gOnOutput = [&] {
+    most = std::max(most.load(), ++inside);
+    std::this_thread::yield();
+    --inside;
+  };
+  ASSERT_EQ(0, Start());
+  EXPECT_EQ(0, Run("import threading\n"
+                   "def shout():\n    for i in range(500): print('x', end='')\n"
+                   "crowd = [threading.Thread(target=shout) for i in range(4)]\n"
+                   "for one in crowd: one.start()\n"
+                   "for one in crowd: one.join()\n"));
+  EXPECT_EQ(2000U, gOutput.size());
+  EXPECT_EQ(1, most);
+}
+
+TEST_F(Python, WritesToTheDescriptorsWithoutAnOutputFunction) {
+  constexpr std::size_t kSize = 300'000;
+  std::array<int, 2> pipe{};
+  ASSERT_EQ(0, ::pipe(pipe.data()));
+  // A full pipe that does not block is waited for.
+  ASSERT_EQ(0, ::fcntl(pipe[1], F_SETFL, O_NONBLOCK));
+  ASSERT_EQ(0, Start());
+  m_engine->set_post_vexa_output(nullptr);
+  const int out = ::dup(STDOUT_FILENO);
+  ::dup2(pipe[1], STDOUT_FILENO);
+  ::close(pipe[1]);
+  // Slower than the writer, so that the pipe is full most of the time.
+  auto reading = std::async(std::launch::async, [&] {
+    std::string text(kSize, '\0');
+    for (char& c : text) (void)!::read(pipe[0], &c, 1);
+    return text;
+  });
+  EXPECT_EQ(0, Run("print('b' * 300_000, end='')"));
+  EXPECT_EQ(std::string(kSize, 'b'), reading.get());
+
+  // A reader that has gone is an exception, although the host leaves SIGPIPE as it was born.
+  ::signal(SIGPIPE, SIG_DFL);
+  ::close(pipe[0]);
+  EXPECT_EQ(32, Run("try:\n    print('nobody')\nexcept BrokenPipeError:\n    raise SystemExit(32)"));
+  sigset_t pending;
+  ::sigpending(&pending);
+  EXPECT_EQ(0, sigismember(&pending, SIGPIPE));
+  ::dup2(out, STDOUT_FILENO);
+  ::close(out);
+}
+
+TEST_F(Python, ShowsLinesOfEarlierBlocksAsLongAsTheyAreHeld) {
+  ASSERT_EQ(0, Start());
+  ASSERT_EQ(0, Run("def divide():\n    return 1 / 0"));
+  ASSERT_EQ(1, Run("divide()"));
+  EXPECT_TRUE(holdsInOrder(gOutput, {"    divide()\n", "in divide\n    return 1 / 0\n"})) << gOutput;
+  for (int i = 0; i < 100; ++i) ASSERT_EQ(0, Run("pass"));
+  ASSERT_EQ(1, Run("divide()"));
+  EXPECT_EQ(std::string::npos, gOutput.find("return 1 / 0")) << gOutput;
+  EXPECT_TRUE(holdsInOrder(gOutput, {"line 2, in divide\n", "ZeroDivisionError"})) << gOutput;
+  // The running one is held however long it is, and no longer.
+  const std::string length(200'000, '#');
+  ASSERT_EQ(1, Run("def subtract():\n    1 - ''\nsubtract()\n" + length));
+  EXPECT_TRUE(holdsInOrder(gOutput, {"    subtract()\n", "    1 - ''\n"})) << gOutput;
+  ASSERT_EQ(1, Run("subtract()"));
+  EXPECT_EQ(std::string::npos, gOutput.find("1 - ''")) << gOutput;
+}
+
+TEST_F(Python, BlocksLeaveNothingBehind) {
+  ASSERT_EQ(0, Start());
+  const auto runMany = [&] {
+    for (int i = 0; i < 5000; ++i) {
+      ASSERT_EQ(0, Run("value = " + std::to_string(i)));
+      ASSERT_EQ(i % 20 == 0, Run("if value % 20 == 0: raise ValueError(value)"));
+    }
+    ASSERT_EQ(0, Run("import gc, sys\nsys.last_traceback = sys.last_value = sys.last_exc = None\ngc.collect()"));
+  };
+  runMany();
+  ASSERT_EQ(0, Run("before = sys.getallocatedblocks()"));
+  runMany();
+  EXPECT_EQ(0, Run("assert sys.getallocatedblocks() < before + 500, sys.getallocatedblocks() - before")) << gOutput;
+}
+
+TEST_F(Python, InterruptsRaiseKeyboardInterrupt) {
+  const std::string endless = "print('ready')\nsum(1 for i in iter(int, 1))";
+  ASSERT_EQ(0, Start());
+  EXPECT_EQ(0, onAnotherThread([&] {
+              return Run("import threading\nassert threading.current_thread() is not threading.main_thread()");
+            }));
+  const struct {
+    const char* name;
+    std::function<int()> run;
+  } cases[] = {
+      {"endless generator", [&] { return RunAndInterrupt(endless); }},
+      {"sleep", [&] { return RunAndInterrupt("import time\nprint('ready')\ntime.sleep(1000)"); }},
+      {"endless generator on another thread",
+       [&] { return onAnotherThread([&] { return RunAndInterrupt(endless); }); }},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(1, c.run()) << c.name;
+    EXPECT_NE(std::string::npos, gOutput.find("KeyboardInterrupt")) << c.name << '\n' << gOutput;
+    EXPECT_EQ(0, Run("kept = 1")) << c.name << '\n' << gOutput;
+  }
+}
+
+TEST_F(Python, InterruptsDoNotHitTheNextBlock) {
+  ASSERT_EQ(0, Start());
+  gInterrupt();
+  EXPECT_EQ(0, Run("for i in range(1000): pass"));
+  EXPECT_EQ(0, CountBlocksHitTooLate());
+  EXPECT_EQ(0, onAnotherThread([&] { return CountBlocksHitTooLate(); }));
+}
+
+TEST_F(Python, IgnoresCallbackTablesOfOtherHosts) {
+  vexadx::HostCallback other = hostCallback();
+  other.tag[7] = '?';
+  gInterrupt = nullptr;
+  m_engine->setup_dxcallback(&other);
+  m_engine->setup_dxcallback(nullptr);
+  EXPECT_EQ(nullptr, gInterrupt);
+  m_engine->setup_dxcallback(&m_callback);
+  EXPECT_NE(nullptr, gInterrupt);
+}
+
+TEST_F(Python, StartsRunsAndStopsOnDifferentThreads) {
+  m_engine->setIntialized(true);  // whatever the host believes, nothing runs before the start
+  EXPECT_EQ(1, Run("pass"));
+  m_engine->setIntialized(false);
+
+  ASSERT_EQ(0, onAnotherThread([&] { return Start(); }));
+  ASSERT_EQ(0, m_engine->stop_embedded_x());
+#ifdef __linux__
+  const std::size_t threads = entriesOf("/proc/self/task");
+  const std::size_t descriptors = entriesOf("/proc/self/fd");
+#endif
+  for (int round = 0; round < 3; ++round) {
+    ASSERT_EQ(0, onAnotherThread([&] { return Start(); }));
+    EXPECT_EQ(0, Run("here = globals().get('here', 0) + 1\nprint(here)"));
+    EXPECT_EQ(std::to_string(2 * round + 1) + "\n", gOutput);
+    EXPECT_EQ(0, onAnotherThread([&] { return Run("here += 1\nimport sys\nsys.stdout = None"); }));
+    EXPECT_EQ(0, onAnotherThread([&] { return m_engine->stop_embedded_x(); }));
+    m_engine->setIntialized(true);
+    EXPECT_EQ(1, Run("pass"));
+    m_engine->setIntialized(false);
+  }
+#ifdef __linux__
+  EXPECT_EQ(threads, entriesOf("/proc/self/task"));
+  EXPECT_EQ(descriptors, entriesOf("/proc/self/fd"));
+#endif
+}
+
+TEST_F(Python, TakesArgumentsAtEachStart) {
+  char one[] = "one";
+  char two[] = "\xc3\xa9";
+  char* arguments[] = {one, two, nullptr};
+  ASSERT_EQ(0, m_engine->init_embedded_x(2, arguments));
+  EXPECT_EQ(0, Run("import sys\nassert sys.argv == ['', 'one', '\xc3\xa9'], sys.argv")) << gOutput;
+  ASSERT_EQ(0, m_engine->stop_embedded_x());
+  ASSERT_EQ(0, Start());
+  EXPECT_EQ(0, Run("assert sys.argv == [''], sys.argv")) << gOutput;
+}
+
+TEST_F(Python, LeavesTheHostsStateAlone) {
+  ::setenv("LC_ALL", "C.UTF-8", 1);
+  ::setenv("PYTHONFAULTHANDLER", "1", 1);
+  std::array<struct sigaction, NSIG> before{};
+  for (int signal = 1; signal < NSIG; ++signal) ::sigaction(signal, nullptr, &before[signal]);
+  const std::string locale = std::setlocale(LC_ALL, nullptr);
+  ASSERT_EQ(0, Start());
+  ASSERT_EQ(0, Run("import asyncio, locale, signal"));
+  for (int signal = 1; signal < NSIG; ++signal) {
+    struct sigaction after {};
+    ::sigaction(signal, nullptr, &after);
+    EXPECT_EQ(before[signal].sa_handler, after.sa_handler) << signal;
+    EXPECT_EQ(before[signal].sa_flags, after.sa_flags) << signal;
+  }
+  EXPECT_EQ(locale, std::setlocale(LC_ALL, nullptr));
+  EXPECT_STREQ("C.UTF-8", std::getenv("LC_ALL"));
+}
+
+TEST_F(Python, AWrongHomeIsACodeAndTheRightOneIsUsedAndForgotten) {
+  // The right one, as a Python in another process knows it.
+  std::array<int, 2> pipe{};
+  ASSERT_EQ(0, ::pipe(pipe.data()));
+  const pid_t child = ::fork();
+  if (child == 0) {
+    const bool told = Start() == 0 && Run("import sys\nprint(sys.base_prefix, end='')") == 0 &&
+                      ::write(pipe[1], gOutput.data(), gOutput.size()) > 0;
+    ::_exit(told ? 0 : 1);
+  }
+  std::array<char, 4096> home{};
+  ASSERT_LT(0, ::read(pipe[0], home.data(), home.size() - 1));
+  ASSERT_EQ(child, ::waitpid(child, nullptr, 0));
+  for (const int end : pipe) ::close(end);
+
+  for (const std::string& wrong : {"/no/such/home"s, m_home.Path().string()}) {
+    gOutput.clear();
+    ::setenv("PYTHONHOME", wrong.c_str(), 1);
+    EXPECT_EQ(1, Start());
+    EXPECT_NE(std::string::npos, gOutput.find(wrong)) << gOutput;
+  }
+  for (int round = 0; round < 2; ++round) {
+    ::setenv("PYTHONHOME", home.data(), 1);
+    ASSERT_EQ(0, Start()) << gOutput;
+    EXPECT_EQ(nullptr, std::getenv("PYTHONHOME"));
+    EXPECT_EQ(0, Run("import os, subprocess, sys\n"
+                     "assert 'PYTHONHOME' not in os.environ\n"
+                     "assert sys.base_prefix == '"s +
+                     home.data() +
+                     "'\n"
+                     "told = subprocess.run([sys.executable, '-c', 'import json, sys; print(sys.version)'],\n"
+                     "                      capture_output=True, text=True, check=True).stdout\n"
+                     "assert told.strip() == sys.version.strip(), told"))
+        << gOutput;
+    ASSERT_EQ(0, m_engine->stop_embedded_x());
+  }
+}
+
+TEST(PythonPlugin, ExportsTheEntryPointsOnly) {
+  std::FILE* listing = ::popen("nm -D --defined-only " VEXADX_STAGED_HOME "/lib/libvexapython.dylib", "r");
+  ASSERT_NE(nullptr, listing);
+  std::vector<std::string> names;
+  for (std::array<char, 256> name{}; std::fscanf(listing, "%*s %*s %255s", name.data()) == 1;) {
+    names.emplace_back(name.data());
+  }
+  ASSERT_EQ(0, ::pclose(listing));
+  std::vector<std::string> wanted;
+  for (const vexadx::PluginEntryPoint& entry : vexadx::kPluginEntryPoints) wanted.emplace_back(entry.name);
+  std::sort(wanted.begin(), wanted.end());
+  EXPECT_EQ(wanted, names);
+}

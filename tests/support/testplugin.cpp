@@ -1,0 +1,59 @@
+// A plug-in library for the tests. Its codes come from the environment (CTEST_INIT, CTEST_PRE, CTEST_POST, CTEST_STOP;
+// 0 when unset) and a block's from its text; the code 666 is thrown instead. Compiled with WITHOUT_<entry point> it
+// lacks that one.
+
+#include <cstdlib>
+#include <cstring>
+
+#define ENTRY_POINT extern "C" __attribute__((visibility("default")))
+
+namespace {
+
+int codeOf(const char* text) {
+  const int code = std::atoi(text);
+  if (code == 666) throw code;
+  return code;
+}
+
+int codeFrom(const char* variable) {
+  const char* text = std::getenv(variable);
+  return text ? codeOf(text) : 0;
+}
+
+[[maybe_unused]] int (*gOutput)(const char* text, int length) = nullptr;
+
+}  // namespace
+
+#ifndef WITHOUT_setup_dxcallback
+ENTRY_POINT void setup_dxcallback(void* callback) { *static_cast<int*>(callback) += 1; }
+#endif
+
+#ifndef WITHOUT_init_embedded_x
+ENTRY_POINT int init_embedded_x(int argc, char** argv) {
+  if (argc > 0) return codeOf(argv[0]);
+  return codeFrom("CTEST_INIT");
+}
+#endif
+
+#ifndef WITHOUT_execute_x
+ENTRY_POINT int execute_x(char* syntax) {
+  if (gOutput) gOutput(syntax, static_cast<int>(std::strlen(syntax)));
+  return codeOf(syntax);
+}
+#endif
+
+#ifndef WITHOUT_stop_embedded_x
+ENTRY_POINT int stop_embedded_x() { return codeFrom("CTEST_STOP"); }
+#endif
+
+#ifndef WITHOUT_pre_action
+ENTRY_POINT int pre_action() { return codeFrom("CTEST_PRE"); }
+#endif
+
+#ifndef WITHOUT_post_action
+ENTRY_POINT int post_action() { return codeFrom("CTEST_POST"); }
+#endif
+
+#ifndef WITHOUT_set_post_vexa_output
+ENTRY_POINT void set_post_vexa_output(int (*output)(const char* text, int length)) { gOutput = output; }
+#endif

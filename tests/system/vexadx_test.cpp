@@ -1,0 +1,399 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "childprocess.h"
+#include "temphome.h"
+#include "vexadx_plugin.h"
+
+namespace {
+
+using Json = nlohmann::json;
+using Strings = std::vector<std::string>;
+
+Strings CommandOf(const Strings& arguments) {
+  Strings command{VEXADX_STAGED_HOME "/bin/vexadx"};
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  return command;
+}
+
+struct Outcome {
+  int status;
+  std::string out;
+  std::string err;
+};
+
+Outcome RunVexadx(const Strings& arguments, const std::string& input = "") {
+  ChildProcess child(CommandOf(arguments));
+  if (!input.empty()) child.Write(input);
+  const int status = child.Wait();
+  return {status, child.Out(), child.Err()};
+}
+
+// The objects of one type among the JSON lines, in order. Every line has to be one.
+std::vector<Json> ObjectsOf(const std::string& out, const std::string& type) {
+  std::vector<Json> objects;
+  for (const std::string& line : Lines(out)) {
+    const Json object = Json::parse(line);
+    if (object.at("type") == type) objects.push_back(object);
+  }
+  return objects;
+}
+
+std::string OutputOf(const std::string& out) {
+  std::string text;
+  for (const Json& object : ObjectsOf(out, "output")) text += object.at("text").get<std::string>();
+  return text;
+}
+
+void ExpectWords(const std::string& text, const Strings& words) {
+  for (const std::string& word : words) EXPECT_NE(std::string::npos, text.find(word)) << word << " in\n" << text;
+}
+
+// What is wrong and what to do about it is said in so many words, each line marked; nothing goes to standard output.
+void ExpectProblem(int status, const Strings& words, const Strings& arguments) {
+  const Outcome outcome = RunVexadx(arguments);
+  EXPECT_EQ(status, outcome.status);
+  EXPECT_EQ("", outcome.out);
+  ExpectWords(outcome.err, words);
+  ExpectWords(outcome.err, {"vexadx: error: ", "vexadx: hint: "});
+  for (const std::string& line : Lines(outcome.err)) EXPECT_EQ(0U, line.find("vexadx: ")) << line;
+}
+
+// Homes with an engine CTEST, whose blocks answer the number they consist of, and the staged engine PYTHON.
+class VexadxTest : public testing::Test {
+ protected:
+  VexadxTest() {
+    home.AddPlugin("ctest");
+    Configure("LIB_NAME=ctest\n");
+  }
+
+  // With these lines in the section CTEST.
+  void Configure(const std::string& section) const {
+    home.Configure("[SUPPORTED_LANG]\nX=CTEST;PYTHON\n[CTEST]\nINNER_PROCESS=true\n" + section);
+  }
+
+  TempHome home;
+};
+
+TEST_F(VexadxTest, WrongUsageIsExplained) {
+  const std::string nul = home.Write("nul.txt", std::string("0\n\0", 3));
+  const std::string good = home.Write("good.txt", "0\n");
+  const struct {
+    Strings arguments;
+    Strings words;
+  } cases[] = {
+      {{}, {"subcommand", "vexadx --help"}},
+      {{"run"}, {"ENGINE is required"}},
+      {{"run", "CTEST", good, "--no-such-option"}, {"--no-such-option"}},
+      {{"run", "CTEST"}, {"nothing to run", "-e"}},
+      {{"run", "CTEST", "-", good, "-"}, {"standard input", "once"}},
+      {{"run", "JULIA", good}, {"no engine JULIA", "CTEST, PYTHON", "X=", "vexadxcfg.ini"}},
+      {{"run", "PYTHON", good}, {"not available", "--in-process", "INNER_PROCESS=true", "[PYTHON]"}},
+      {{"run", "CTEST", good, home.Path("gone.txt")}, {"gone.txt", "No such file"}},
+      {{"run", "CTEST", good, home.Path()}, {home.Path(), "directory"}},
+      {{"run", "CTEST", good, nul}, {nul, "NUL byte", "offset 2", "UTF-8"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.arguments));
+    ExpectProblem(2, c.words, c.arguments);
+  }
+}
+
+TEST_F(VexadxTest, WrongConfigurationIsExplained) {
+  const std::string config = home.Path("bin/vexadxcfg.ini");
+  const std::string preferences = home.Path("bin/vexaprefs.properties");
+
+  Configure("");
+  ExpectProblem(5, {"no plug-in library", "LIB_NAME=", "[CTEST]", config}, {"run", "CTEST", "-e", "0"});
+  Configure("LIB_NAME = ctest\n");
+  ExpectProblem(5, {"no plug-in library", "without blanks"}, {"run", "CTEST", "-e", "0"});
+  home.Configure("\xEF\xBB\xBF[SUPPORTED_LANG]\nX=CTEST\n");
+  ExpectProblem(5, {"byte-order mark", "without", "names no engine", "[SUPPORTED_LANG]"}, {"run", "CTEST", "-e", "0"});
+  home.Configure("");
+  ExpectProblem(5, {"names no engine"}, {"engines"});
+
+  Configure("LIB_NAME=ctest\n");
+  home.Prefer("");
+  ExpectProblem(5, {"Java preferences", "PYTHON.libName", preferences}, {"run", "PYTHON", "--in-process", "-e", "0"});
+
+  home.Remove("bin/vexadxcfg.ini");
+  ExpectProblem(5, {config, "VEXA_HOME", home.Path()}, {"run", "CTEST", "-e", "0"});
+}
+
+TEST_F(VexadxTest, UnusableLibrariesAreExplained) {
+  home.Write("lib/libtext.dylib", "not a library\n");
+  for (const vexadx::PluginEntryPoint& entryPoint : vexadx::kPluginEntryPoints) {
+    if (entryPoint.mandatory) home.AddPlugin(std::string("without_") + entryPoint.name);
+  }
+  const struct {
+    std::string library;
+    Strings words;
+  } cases[] = {
+      {"gone", {home.Path("lib/libgone.dylib"), "does not exist", "LIB_NAME"}},
+      {"text", {home.Path("lib/libtext.dylib"), "could not be loaded", "the loader says"}},
+      {"without_init_embedded_x", {"does not export: init_embedded_x;", "the loader says"}},
+      {"without_execute_x", {"does not export: execute_x;"}},
+      {"without_stop_embedded_x", {"does not export: stop_embedded_x;"}},
+      {"without_pre_action", {"does not export: pre_action;"}},
+      {"without_post_action", {"does not export: post_action;"}},
+      {"ctest\nARGS=5 x", {"could not be started", "code 5 (code of the engine)", "--trace"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.library);
+    Configure("LIB_NAME=" + c.library + '\n');
+    ExpectProblem(3, c.words, {"run", "CTEST", "-e", "0"});
+  }
+}
+
+TEST_F(VexadxTest, WarningsLeaveTheRunAsItIs) {
+  const std::string fifo = home.Path("fifo");
+  ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+  for (const std::string& trace : {home.Path("no/such/directory/trace").string(), fifo, home.Path().string()}) {
+    const Outcome outcome = RunVexadx({"run", "CTEST", "-e", "0", "--trace", trace});
+    EXPECT_EQ(0, outcome.status);
+    EXPECT_EQ("", outcome.out);
+    ExpectWords(outcome.err, {"vexadx: warning: the trace file " + trace, "cannot be written", "--trace"});
+  }
+  home.Configure("\xEF\xBB\xBF\n[SUPPORTED_LANG]\nX=CTEST\n[CTEST]\nLIB_NAME=ctest\n");
+  const Outcome outcome = RunVexadx({"run", "CTEST", "-e", "0", "--in-process"});
+  EXPECT_EQ(0, outcome.status);
+  ExpectWords(outcome.err, {"warning", "byte-order mark"});
+}
+
+TEST_F(VexadxTest, BlocksRunInTheOrderOfTheCommandLine) {
+  const std::string three = home.Write("three", "3");
+  (void)home.Write("[four,five]", "0\n");
+  const std::filesystem::path directory = std::filesystem::current_path();
+  std::filesystem::current_path(home.Path());
+  const Outcome outcome =
+      RunVexadx({"run", "ctest", "-e", "1", three, "-e", "[0,1]", "-", "[four,five]", "-e", "-2", "--json"}, "7\n");
+  std::filesystem::current_path(directory);
+  EXPECT_EQ(1, outcome.status);
+  std::vector<std::pair<std::string, int>> blocks;
+  for (const Json& block : ObjectsOf(outcome.out, "block")) blocks.emplace_back(block.at("name"), block.at("code"));
+  const std::vector<std::pair<std::string, int>> expected{{"-e 1", 1},           {three, 3},           {"-e 2", 0},
+                                                          {"standard input", 7}, {"./[four,five]", 0}, {"-e 3", -2}};
+  EXPECT_EQ(expected, blocks);
+  EXPECT_EQ("1\n3\n[0,1]\n7\n0\n-2\n", OutputOf(outcome.out));
+  EXPECT_EQ(Json({{"type", "end"}, {"status", 1}}), Json::parse(Lines(outcome.out).back()));
+  ExpectWords(outcome.err, {"block -e 1: code 1 (code of the engine)", "block standard input: code 7"});
+  EXPECT_EQ(std::string::npos, outcome.err.find(": code 0 "));
+}
+
+TEST_F(VexadxTest, TextOfAnyKindMakesJson) {
+  // A character, two bytes that are none, one that is never finished.
+  const Outcome outcome = RunVexadx({"run", "CTEST", "--json", "-"}, "0 caf\xC3\xA9 \xFF\x80 \xE2\x82");
+  EXPECT_EQ(0, outcome.status);
+  EXPECT_EQ("0 caf\xC3\xA9 \xEF\xBF\xBD\xEF\xBF\xBD \xEF\xBF\xBD\n", OutputOf(outcome.out));
+}
+
+TEST_F(VexadxTest, AFailedPreActionSkipsTheBlock) {
+  Configure("LIB_NAME=ctest\nCTEST_PRE=4\n");
+  const std::string trace = home.Path("trace");
+  const Outcome outcome = RunVexadx({"run", "CTEST", "-e", "0", "--json", "--trace", trace});
+  EXPECT_EQ(1, outcome.status);
+  EXPECT_EQ(4, ObjectsOf(outcome.out, "block").at(0).at("code"));
+  const Strings texts = TraceTexts(trace);
+  EXPECT_EQ(1, std::count(texts.begin(), texts.end(), "StatisticsX::pre_action error code : 4."));
+  for (const std::string& text : texts) EXPECT_EQ(std::string::npos, text.find("execute_x")) << text;
+}
+
+TEST_F(VexadxTest, TheTraceHasTheStepsInOrder) {
+  const std::string trace = home.Path("trace");
+  home.Configure("[SUPPORTED_LANG]\nX=CTEST\nTRACE=" + trace + "\n[CTEST]\nLIB_NAME=ctest\n");
+  EXPECT_EQ(1, RunVexadx({"run", "ctest", "-e", "0", "-e", "6", "--in-process"}).status);
+  const Strings expected{"StatisticsX::setup_dxcallback",
+                         "StatisticsX::init_embedded_x error code : 0.",
+                         "StatisticsX::pre_action error code : 0.",
+                         "StatisticsX::execute_x error code : 0.",
+                         "StatisticsX::post_action error code : 0.",
+                         "StatisticsX::pre_action error code : 0.",
+                         "StatisticsX::execute_x error code : 6.",
+                         "StatisticsX::post_action error code : 0.",
+                         "StatisticsX::stop_embedded_x error code : 0."};
+  Strings texts = TraceTexts(trace);
+  // What the runtimes had to be undone is their business.
+  std::erase_if(texts, [](const std::string& text) { return text.find("StatisticsX::") != 0; });
+  ASSERT_LE(expected.size(), texts.size());
+  texts.resize(expected.size());  // the engine is stopped once more when it is destroyed
+  EXPECT_EQ(expected, texts);
+  ExpectWords(Lines(ReadFile(trace)).at(1), {" CTEST>>"});
+}
+
+TEST_F(VexadxTest, OutputThatCannotBeWrittenIsNotASuccess) {
+  const std::string command = VEXADX_STAGED_HOME "/bin/vexadx run CTEST -e 0 --json > /dev/full";
+  ChildProcess shell({"/bin/sh", "-c", command});
+  EXPECT_EQ(2, shell.Wait());
+  ExpectWords(shell.Err(), {"vexadx: error: standard output cannot be written"});
+}
+
+TEST_F(VexadxTest, TheVersionAndTheEnginesAreListed) {
+  EXPECT_EQ(0U, RunVexadx({"--version"}).out.find("vexadx "));
+  home.Configure("[SUPPORTED_LANG]\nX=CTEST;;GONE\n[CTEST]\nLIB_NAME=ctest\n[GONE]\nLIB_NAME=gone\n");
+  const std::string ctest = home.Path("lib/libctest.dylib");
+  const std::string gone = "the plug-in library " + home.Path("lib/libgone.dylib").string() + " does not exist";
+  const Outcome plain = RunVexadx({"engines"});
+  EXPECT_EQ(0, plain.status);
+  EXPECT_EQ("CTEST\tfound\t" + ctest + "\nGONE\tnot found\t" + gone + '\n', plain.out);
+  const std::vector<Json> engines = ObjectsOf(RunVexadx({"engines", "--json"}).out, "engine");
+  ASSERT_EQ(2U, engines.size());
+  EXPECT_EQ(Json({{"type", "engine"}, {"name", "CTEST"}, {"found", true}, {"library", ctest}, {"reason", ""}}),
+            engines[0]);
+  EXPECT_FALSE(engines[1].at("found"));
+}
+
+TEST_F(VexadxTest, TheDoctorNamesTheFirstProblem) {
+  home.AddPlugin("without_post_action");
+  const struct {
+    std::string section;
+    int status;
+    std::string lastCheck;
+  } cases[] = {
+      {"LIB_NAME=ctest\n", 0, "stop"},
+      {"", 5, "library name"},
+      {"LIB_NAME=gone\n", 3, "library"},
+      {"LIB_NAME=without_post_action\n", 3, "entry points"},
+      {"LIB_NAME=ctest\nCTEST_INIT=1\n", 3, "start"},
+      {"LIB_NAME=ctest\nCTEST_STOP=1\n", 3, "stop"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.section);
+    Configure(c.section);
+    const Outcome outcome = RunVexadx({"doctor", "--engine", "ctest", "--json"});
+    EXPECT_EQ(c.status, outcome.status) << outcome.err;
+    const Json last = ObjectsOf(outcome.out, "check").back();
+    EXPECT_EQ(c.lastCheck, last.at("check"));
+    EXPECT_EQ(c.status == 0, last.at("ok"));
+    EXPECT_EQ(c.status == 0, last.at("advice").get<std::string>().empty());
+  }
+  home.Remove("bin/vexadxcfg.ini");
+  const Outcome plain = RunVexadx({"doctor"});
+  EXPECT_EQ(5, plain.status);
+  ExpectWords(plain.out, {"home: ok: ", "configuration: problem: ", "  to do: "});
+}
+
+TEST_F(VexadxTest, WithoutAJavaRuntimeItSaysHowToGetOne) {
+  // No machine starts with an option that none knows.
+  ::setenv("JAVA_TOOL_OPTIONS", "-XX:+NoSuchOptionAtAll", 1);
+  const Outcome outcome = RunVexadx({"run", "PYTHON", "--in-process", "-e", "0"});
+  ::unsetenv("JAVA_TOOL_OPTIONS");
+  EXPECT_EQ(3, outcome.status);
+  ExpectWords(outcome.err, {"no Java runtime could be started", "install", "JAVA_HOME"});
+}
+
+TEST(VexadxHomeTest, IsDerivedFromTheProgram) {
+  ::unsetenv("VEXA_HOME");
+  const Outcome outcome = RunVexadx({"doctor", "--json"});
+  EXPECT_EQ(0, outcome.status) << outcome.out;
+  const Json home = ObjectsOf(outcome.out, "check").at(0);
+  EXPECT_EQ("home", home.at("check"));
+  EXPECT_EQ(std::filesystem::canonical(VEXADX_STAGED_HOME), home.at("detail").get<std::string>());
+}
+
+// Runs of the staged Python engine in a home of its own.
+class VexadxPythonTest : public testing::Test {
+ protected:
+  static Strings Python(Strings arguments) {
+    arguments.insert(arguments.begin(), {"run", "python", "--in-process"});
+    return arguments;
+  }
+
+  TempHome home;
+};
+
+constexpr const char* kReadyForever = "import itertools\nprint('ready')\nsum(i for i in itertools.count())\n";
+
+TEST_F(VexadxPythonTest, StandardOutputIsTheBlocksAlone) {
+  const Outcome outcome = RunVexadx(Python({"-e", "x = 6", "-", "-e", "print(x * 7)"}), "print('hello')");
+  EXPECT_EQ(0, outcome.status) << outcome.err;
+  EXPECT_EQ("hello\n42\n", outcome.out);
+  EXPECT_EQ("", outcome.err);
+}
+
+TEST_F(VexadxPythonTest, OutputArrivesWhileTheBlockRuns) {
+  for (const bool json : {false, true}) {
+    Strings arguments = Python({"-e", "print('ready')\nimport os\nos.read(0, 1)\nprint('released')"});
+    if (json) arguments.emplace_back("--json");
+    ChildProcess child(CommandOf(arguments));
+    child.AwaitOutput("ready");
+    child.Write("x");
+    EXPECT_EQ(0, child.Wait()) << child.Err();
+    EXPECT_EQ("ready\nreleased\n", json ? OutputOf(child.Out()) : child.Out());
+  }
+}
+
+TEST_F(VexadxPythonTest, JsonIsOneObjectALineWhateverTheBlockDoes) {
+  const Outcome outcome =
+      RunVexadx(Python({"--json", "-e", "import os\n_ = os.system('echo from a child')\nprint('\\u20ac\\n\"')", "-e",
+                        "import sys\nsys.exit(3)", "-e", "print('still here')"}));
+  EXPECT_EQ(1, outcome.status);
+  EXPECT_EQ("\xE2\x82\xAC\n\"\nstill here\n", OutputOf(outcome.out));
+  const std::vector<Json> blocks = ObjectsOf(outcome.out, "block");
+  ASSERT_EQ(3U, blocks.size());
+  EXPECT_EQ(0, blocks[0].at("code"));
+  EXPECT_EQ(3, blocks[1].at("code"));
+  EXPECT_EQ("code of the engine", blocks[1].at("meaning"));
+  EXPECT_EQ(0, blocks[2].at("code"));
+  ExpectWords(outcome.err, {"from a child", "block -e 2: code 3"});
+}
+
+TEST_F(VexadxPythonTest, ACharacterWrittenInPiecesStaysWhole) {
+  const Outcome outcome = RunVexadx(
+      Python({"--json", "-e", "import sys\nfor b in b'a\\xe2\\x82\\xac\\xc3': _ = sys.stdout.buffer.write(bytes([b]))",
+              "-e", "print('b')"}));
+  EXPECT_EQ("a\xE2\x82\xAC\xEF\xBF\xBD\x62\n", OutputOf(outcome.out));
+}
+
+TEST_F(VexadxPythonTest, CtrlCInterruptsTheBlockAndTheNextOneRuns) {
+  ChildProcess child(CommandOf(Python({"-e", "kept = 'kept'", "-e", kReadyForever, "-e", "print(kept)"})));
+  child.AwaitOutput("ready\n");
+  child.Signal(SIGINT);
+  EXPECT_EQ(130, child.Wait());
+  EXPECT_EQ("ready\nkept\n", child.Out());
+  ExpectWords(child.Err(), {"KeyboardInterrupt", "block -e 2: interrupted: code 1"});
+}
+
+// Prints "ready" and runs until it is interrupted, and does so once more each time it has survived an interrupt.
+std::string Stubborn(std::size_t survived) {
+  return "for _ in range(" + std::to_string(survived) +
+         "):\n"
+         "  try:\n"
+         "    print('ready')\n"
+         "    while True: pass\n"
+         "  except KeyboardInterrupt: pass\n"
+         "print('ready')\n"
+         "while True: pass\n";
+}
+
+TEST_F(VexadxPythonTest, TheSecondSignalEndsTheRunAndTheThirdLeaves) {
+  const struct {
+    std::vector<int> signals;
+    std::size_t survived;
+    int status;
+    bool stopped;
+  } cases[] = {
+      {{SIGINT, SIGINT}, 1, 130, true},    {{SIGINT, SIGINT, SIGINT}, 2, 130, false}, {{SIGTERM}, 0, 143, true},
+      {{SIGTERM, SIGTERM}, 1, 143, false}, {{SIGINT, SIGTERM}, 1, 143, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.signals));
+    const std::string trace = home.Path("trace");
+    ChildProcess child(CommandOf(Python({"-e", Stubborn(c.survived), "-e", "print('next')", "--trace", trace})));
+    int sent = 0;
+    for (const int signal : c.signals) {
+      child.AwaitOutput("ready\n", ++sent);
+      child.Signal(signal);
+    }
+    EXPECT_EQ(c.status, child.Wait());
+    EXPECT_EQ(std::string::npos, child.Out().find("next"));
+    EXPECT_EQ(c.stopped, ReadFile(trace).find("stop_embedded_x error code : 0.") != std::string::npos);
+  }
+}
+
+}  // namespace
