@@ -148,6 +148,8 @@ void createMachine(CreateJavaVM create, const std::string& home) {
       option("abort", reinterpret_cast<void*>(&onAbort)),
       option("vfprintf", reinterpret_cast<void*>(&onPrint)),
       option("-Xrs"),
+      // Without signals the machine would wait for tools at once, at a socket file that outlives a host that is killed.
+      option("-XX:+DisableAttachMechanism"),
       option("-Xlog:disable"),     // warnings of the machine would go to the host's standard output
       option("-XX:-UsePerfData"),  // its file would outlive a host that is killed
       option(classPath.c_str()),
