@@ -24,7 +24,7 @@ if readelf -d "$home"/bin/vexadx "$home"/lib/* 2>/dev/null | grep -E 'R(UN)?PATH
   exit 1
 fi
 
-cmake -S "$source" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$home" -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
+cmake -G Ninja -S "$source" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$home" -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
 cmake --build "$work/cmake" >/dev/null
 flags=$(PKG_CONFIG_PATH=$home/lib/pkgconfig pkg-config --cflags --libs vexadxcom)
 # shellcheck disable=SC2086 # the flags are words
