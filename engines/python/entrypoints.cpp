@@ -34,6 +34,7 @@ int stop() {
 void offerInterrupt(const vexadx::HostCallback* host) {
   if (!host || std::memcmp(host->tag, vexadx::kHostCallbackTag, sizeof host->tag) != 0) return;
   if (host->size < sizeof *host || !host->setInterrupt) return;
+  vexapython::ExpectInterrupts();
   host->setInterrupt(vexapython::InterruptBlocks);
 }
 

@@ -28,6 +28,7 @@ std::atomic<int> gOnSignalThread{0};
 std::atomic<int> gElsewhere{0};
 std::atomic<bool> gSignalled{false};  // since the last time that no block ran on the signal thread
 std::atomic<unsigned> gRequests{0};   // for blocks elsewhere
+std::atomic<bool> gExpected{false};   // whether a courier is worth its thread
 std::atomic<int> gWakeUp{-1};         // descriptor that wakes the courier
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
 
@@ -54,8 +55,9 @@ bool makePipe(int (&ends)[2]) {
   return true;
 }
 
-// An exception can be raised in another thread only under the interpreter lock, which a signal handler cannot take.
-// So a thread takes it, woken by a byte through a pipe.
+// What a signal handler cannot do, because it takes the interpreter lock: raise an exception in another thread; and
+// make the signal thread look for a signal that was raised on another one, which it does when the lock changes hands.
+// So a thread does it, woken by a byte through a pipe.
 class Courier {
  public:
   // Null when there are no descriptors or threads left.
@@ -117,17 +119,19 @@ Courier* gCourier = nullptr;
 
 void InterruptBySignalHere() { gSignalThread = PyThread_get_thread_ident(); }
 
+void ExpectInterrupts() { gExpected = true; }
+
 void InterruptBlocks() {
   const int saved = errno;
   ++gCallsUnderWay;
-  if (gOnSignalThread > 0) {
+  const bool onSignalThread = gOnSignalThread > 0;
+  const bool elsewhere = gElsewhere > 0;
+  if (onSignalThread) {
     gSignalled = true;
     raiseSigint();
   }
-  if (gElsewhere > 0) {
-    ++gRequests;
-    (void)!::write(gWakeUp, "", 1);
-  }
+  if (elsewhere) ++gRequests;
+  if (onSignalThread || elsewhere) (void)!::write(gWakeUp, "", 1);
   --gCallsUnderWay;
   errno = saved;
 }
@@ -142,11 +146,11 @@ void StopInterrupts() {
 
 InterruptTarget::InterruptTarget()
     : m_thread(PyThread_get_thread_ident()), m_bySignal(m_thread == gSignalThread), m_seen(gRequests) {
+  if (gExpected && !gCourier) gCourier = Courier::Start().release();
   if (m_bySignal) {
     ++gOnSignalThread;
     return;
   }
-  if (!gCourier) gCourier = Courier::Start().release();
   m_next = std::exchange(gTargets, this);
   ++gElsewhere;
 }

@@ -6,13 +6,15 @@ namespace vexapython {
 // thread only. REQUIRES: the interpreter lock is held.
 void InterruptBySignalHere();
 
+// Says that InterruptBlocks may be called: from the next block on a thread stands by to carry interrupts to blocks.
+void ExpectInterrupts();
+
 // Raises KeyboardInterrupt in every block that runs now, of a nested run too; while none runs nothing happens. It
-// reaches a block on the thread above at its next instruction or interrupted system call, on any other thread at its
-// next instruction. Any thread, also from a signal handler.
+// reaches a block at its next instruction, and on the thread above also in a system call that a signal interrupts. Any
+// thread, also from a signal handler.
 void InterruptBlocks();
 
-// Ends the thread that carries interrupts to blocks on other threads, if there is one. REQUIRES: the interpreter lock
-// is not held.
+// Ends the thread that carries interrupts, until the next block. REQUIRES: the interpreter lock is not held.
 void StopInterrupts();
 
 // Makes a block interruptible from construction to destruction. An interrupt that comes too late for it does not hit
