@@ -24,9 +24,9 @@ int StatisticsX::init_embedded_x(int argc, char** argv) {
 int StatisticsX::execute_x(char* syntax) {
   int code = vexadx::kNotInitialized;
   if (m_initialized) {
-    m_running = true;
+    m_running.store(true, std::memory_order_relaxed);  // only ever informs
     code = x_execute_x(syntax);
-    m_running = false;
+    m_running.store(false, std::memory_order_relaxed);
   }
   TraceCode("StatisticsX::execute_x", code);
   return code;
