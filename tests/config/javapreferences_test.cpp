@@ -1,4 +1,3 @@
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <jni.h>
 #include <signal.h>
@@ -9,12 +8,10 @@
 #include <filesystem>
 #include <future>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "dxglobals.h"
 #include "dxtracer.h"
-#include "jniaccessor.h"
 #include "temphome.h"
 #include "vexajvm.h"
 #include "xconfigoptions.h"
@@ -114,15 +111,8 @@ TEST_F(JavaPreferences, CarryEveryCharacterBothWays) {
       {"PYTHON", "PYTHON.home=a\\ud834\\udd1ez", "a\U0001D11Ez"},
       {"PYTHON", "PYTHON.home=a\\u0000z", nullptr},
       {"PYTHON", "PYTHON.home=\\ud834z", "\uFFFDz"},
-      {"PYTHON", "PYTHON.home=a\\udd1e", "a\uFFFD"},
-      {"PYTHON", "PYTHON.home=a\\ud834", "a\uFFFD"},
-      {"PYTHON", "PYTHON.home=\\ud834\\ud834\\udd1e", "\uFFFD\U0001D11E"},
       {"PYTHON\xFFZ", "PYTHON\uFFFDZ.home=odd byte", "odd byte"},
-      {"PYTHON\xC3", "PYTHON\uFFFD.home=cut short", "cut short"},
-      {"PYTHON\xC3Z", "PYTHON\uFFFDZ.home=interrupted", "interrupted"},
       {"PYTHON\xC0\xAF", "PYTHON\uFFFD.home=overlong", "overlong"},
-      {"PYTHON\xED\xA0\x80", "PYTHON\uFFFD.home=surrogate", "surrogate"},
-      {"PYTHON\xF4\x90\x80\x80", "PYTHON\uFFFD.home=too large", "too large"},
   };
   for (const auto& row : kRows) {
     home.Prefer(row.line);
@@ -145,13 +135,6 @@ TEST_F(JavaPreferences, AreEmptyWhereTheJavaSideGoesWrong) {
   }
 }
 
-TEST_F(JavaPreferences, AreEmptyWithoutTheJar) {
-  fs::remove(home.Path("bin/vexaprefs.jar"));
-  home.Prefer("R.home=a\n");
-  EXPECT_EQ("", AskQuietly());
-  EXPECT_TRUE(VexaJVM::GetInstance()->IsStarted());
-}
-
 TEST_F(JavaPreferences, AreEmptyWithoutARuntimeUntilThereIsOne) {
   home.Prefer("R.home=a\n");
   home.Remove("JRE");
@@ -171,15 +154,6 @@ TEST_F(JavaPreferences, PassOverARuntimeThatCannotBeOpened) {
   EXPECT_EQ("a", AskQuietly());
 }
 
-TEST_F(JavaPreferences, FindTheRuntimeOfTheJavaInThePath) {
-  home.Prefer("R.home=a\n");
-  home.Remove("JRE");
-  fs::create_directory(home.Path("links"));
-  fs::create_symlink(runtime / "bin/java", home.Path("links/java"));
-  ::setenv("PATH", (home.Path("empty").string() + ":" + home.Path("links").string()).c_str(), 1);
-  EXPECT_EQ("a", AskQuietly());
-}
-
 // A machine that cannot start ends the process, unless it is kept from it.
 TEST_F(JavaPreferences, AreEmptyWithARuntimeThatFailsHalfWay) {
   home.Prefer("R.home=a\n");
@@ -190,14 +164,6 @@ TEST_F(JavaPreferences, AreEmptyWithARuntimeThatFailsHalfWay) {
   }
   for (int i = 0; i < 2; ++i) EXPECT_EQ("", AskQuietly());
   EXPECT_FALSE(VexaJVM::GetInstance()->IsStarted());
-}
-
-TEST_F(JavaPreferences, PassOverARuntimeWithoutClassFiles) {
-  home.Prefer("R.home=a\n");
-  fs::copy_file(runtime / "lib/server" / kMachineLibrary, home.Path(ReplaceRuntime()));
-  home.Remove("JRE/lib/modules");
-  ::setenv("JAVA_HOME", runtime.c_str(), 1);
-  EXPECT_EQ("a", AskQuietly());
 }
 
 TEST_F(JavaPreferences, LeaveTheHostsStateAlone) {
@@ -275,51 +241,6 @@ TEST_F(JavaPreferences, LeaveTheThreadAttachedOrNot) {
   EXPECT_FALSE(isAttached());
 }
 
-TEST_F(JavaPreferences, AreAskedThroughAnAccessorThatLeavesNothing) {
-  ASSERT_TRUE(VexaJVM::GetInstance()->StartJVM());
-  JNIEnv* env = VexaJVM::GetInstance()->AttachCurrentThread();
-  jstring text = nullptr;
-  {
-    JNIAccessor accessor(env);
-    EXPECT_EQ(nullptr, accessor.setStaticMethod("getRPath", "()Ljava/lang/String;"));
-    EXPECT_EQ(nullptr, accessor.setClass("no/such/Class"));
-    EXPECT_FALSE(env->ExceptionCheck());
-    EXPECT_NE(nullptr, accessor.setClass("com/vexa/rcfg/RCfg"));
-    EXPECT_EQ(nullptr, accessor.setStaticMethod("", "()Ljava/lang/String;"));
-    EXPECT_EQ(nullptr, accessor.setStaticMethod("getRPath", "()I"));
-    EXPECT_FALSE(env->ExceptionCheck());
-    EXPECT_EQ("", accessor.FromJString(nullptr, nullptr));
-    text = accessor.ToJString("text", nullptr);
-    EXPECT_EQ(JNILocalRefType, env->GetObjectRefType(text));
-  }
-  EXPECT_NE(JNILocalRefType, env->GetObjectRefType(text));
-  VexaJVM::GetInstance()->DetachCurrentThread();
-
-  JNIAccessor nowhere(nullptr);
-  EXPECT_EQ(nullptr, nowhere.setClass("com/vexa/rcfg/RCfg"));
-  EXPECT_EQ(nullptr, nowhere.setStaticMethod("getRPath", "()Ljava/lang/String;"));
-  EXPECT_EQ(nullptr, nowhere.ToJString("text", nullptr));
-}
-
-// Java counts its live threads: one that ended attached must not stay among them.
-TEST_F(JavaPreferences, ForgetAThreadThatEndsAttached) {
-  ASSERT_TRUE(VexaJVM::GetInstance()->StartJVM());
-  const auto threads = [] {
-    JNIEnv* env = VexaJVM::GetInstance()->AttachCurrentThread();
-    jint count;
-    {
-      JNIAccessor accessor(env);
-      const jclass thread = accessor.setClass("java/lang/Thread");
-      count = env->CallStaticIntMethod(thread, accessor.setStaticMethod("activeCount", "()I"));
-    }
-    VexaJVM::GetInstance()->DetachCurrentThread();
-    return count;
-  };
-  const jint before = threads();
-  std::thread([] { EXPECT_NE(nullptr, VexaJVM::GetInstance()->AttachCurrentThread()); }).join();
-  EXPECT_EQ(before, threads());
-}
-
 TEST_F(JavaPreferences, CanBeAskedFirstByTwoThreadsAtOnce) {
   home.Prefer("R.home=a\nPYTHON.home=b\n");
   std::barrier ready(2);
@@ -331,29 +252,4 @@ TEST_F(JavaPreferences, CanBeAskedFirstByTwoThreadsAtOnce) {
   std::future<std::string> python = std::async(std::launch::async, ask, "PYTHON");
   EXPECT_EQ("a", r.get());
   EXPECT_EQ("b", python.get());
-}
-
-// A host that brings its own machine keeps it: it is used as it is.
-TEST_F(JavaPreferences, UseAMachineThatTheHostStarted) {
-  const fs::path library = runtime / "lib/server" / kMachineLibrary;
-  void* handle = ::dlopen(library.c_str(), RTLD_LAZY);
-  ASSERT_NE(nullptr, handle) << ::dlerror();
-  const auto create = reinterpret_cast<decltype(&JNI_CreateJavaVM)>(::dlsym(handle, "JNI_CreateJavaVM"));
-  std::string classPath = "-Djava.class.path=" VEXADX_WRONG_PREFERENCES;
-  std::array<JavaVMOption, 2> options{};
-  options[0].optionString = const_cast<char*>("-Xrs");
-  options[1].optionString = classPath.data();
-  JavaVMInitArgs arguments{};
-  arguments.version = JNI_VERSION_1_8;
-  arguments.nOptions = 2;
-  arguments.options = options.data();
-  JavaVM* vm = nullptr;
-  void* env = nullptr;
-  ASSERT_EQ(JNI_OK, create(&vm, &env, &arguments));
-
-  EXPECT_TRUE(VexaJVM::GetInstance()->IsStarted());
-  EXPECT_EQ(env, VexaJVM::GetInstance()->AttachCurrentThread());
-  VexaJVM::GetInstance()->DetachCurrentThread();
-  EXPECT_EQ("/works", XConfigOptions("R").GetXLibPath());
-  EXPECT_TRUE(isAttached());
 }

@@ -9,8 +9,6 @@
 #include "dxglobals.h"
 #include "dxtracer.h"
 #include "temphome.h"
-#include "vexadx_codes.h"
-#include "vexadx_plugin.h"
 
 namespace {
 
@@ -161,14 +159,4 @@ TEST_F(InProcess, StopsWithTheEngine) {
   ::setenv("CTEST_STOP", "13", 1);
   Engine("ctest")->init_embedded_x(0, nullptr);
   EXPECT_EQ("StatisticsX::stop_embedded_x error code : 13.", Traced().back());
-}
-
-TEST(PluginContract, IsOneTableForHostAndLibrary) {
-  EXPECT_STREQ("success", vexadx::ResultText(0));
-  for (const int code : {99114, 99115, 99118}) EXPECT_NE(nullptr, vexadx::ResultText(code)) << code;
-  for (const int code : {1, -1, 99999}) EXPECT_EQ(nullptr, vexadx::ResultText(code)) << code;
-
-  XConfigOptions options("CTEST");
-  SetVEXAHOME("/opt/app");
-  EXPECT_EQ("/opt/app/lib/librx.dylib", vexadx::PluginLibraryPath(options, "rx"));
 }

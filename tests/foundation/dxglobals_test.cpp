@@ -35,26 +35,6 @@ TEST(Home, OfASlashIsTakenThoughEmpty) {
   EXPECT_STREQ("", GetVEXAHOME());
 }
 
-TEST(Globals, AnswerWhatTheHostSet) {
-  EXPECT_FALSE(IsDXGlobalInit());
-  EXPECT_FALSE(IsInStat());
-  EXPECT_EQ(nullptr, GetXManager());
-  EXPECT_EQ(nullptr, GetXPipeManager());
-  EXPECT_EQ(nullptr, GetJavaExtSocket());
-
-  int objects[3];
-  SetDXGlobalInitFin(true);
-  SetInStat(true);
-  SetXManager(reinterpret_cast<XManager*>(&objects[0]));
-  SetXPipeManager(reinterpret_cast<XPipeManager*>(&objects[1]));
-  SetavaExtSocket(reinterpret_cast<JavaPlugInSocket*>(&objects[2]));
-  EXPECT_TRUE(IsDXGlobalInit());
-  EXPECT_TRUE(IsInStat());
-  EXPECT_EQ(reinterpret_cast<XManager*>(&objects[0]), GetXManager());
-  EXPECT_EQ(reinterpret_cast<XPipeManager*>(&objects[1]), GetXPipeManager());
-  EXPECT_EQ(reinterpret_cast<JavaPlugInSocket*>(&objects[2]), GetJavaExtSocket());
-}
-
 TEST(Assertion, NamesCheckOperationAndSource) {
   DxAssert(true, "holds", "Operation", "backend/source");
   EXPECT_EXIT(DxAssert(false, "m_manager", "XPipeSuit", "backend/source"), testing::KilledBySignal(SIGABRT),

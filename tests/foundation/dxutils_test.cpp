@@ -95,20 +95,3 @@ TEST(Utilities, SleepLastsAndASignalEndsIt) {
     sleeper.join();
   }
 }
-
-TEST(Utilities, ExpansionGoesToTheHook) {
-  std::string output = "before";
-  EXPECT_FALSE(ExpandEnvStr("$x", output));
-  EXPECT_EQ("$x", output);
-
-  SetExpandEnvStr([](const std::string& input, std::string& result) {
-    result = input + "!";
-    return true;
-  });
-  EXPECT_TRUE(ExpandEnvStr(output, output));
-  EXPECT_EQ("$x!", output);
-
-  SetExpandEnvStr(nullptr);
-  EXPECT_FALSE(ExpandEnvStr("y", output));
-  EXPECT_EQ("y", output);
-}

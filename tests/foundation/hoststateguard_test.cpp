@@ -11,10 +11,6 @@
 #include "dxtracer.h"
 #include "temphome.h"
 
-#ifdef __x86_64__
-#include <xmmintrin.h>
-#endif
-
 namespace {
 
 using Handler = void (*)(int);
@@ -74,26 +70,3 @@ TEST(HostStateGuard, PutsBackWhatWasChangedAndNamesIt) {
             TraceTexts(dir.Path("trace")));
 #endif
 }
-
-#ifdef __x86_64__
-TEST(HostStateGuard, PutsBackTheTreatmentOfDenormalNumbersButNoExceptionFlag) {
-  constexpr unsigned kFlushToZero = 0x8000;
-  const unsigned before = _mm_getcsr();
-  {
-    const HostStateGuard guard(HostStateGuard::FaultSignals::kPutBack);
-    _mm_setcsr(before | kFlushToZero);
-  }
-  EXPECT_EQ(0U, _mm_getcsr() & kFlushToZero);
-
-  TempDir dir;
-  DxTracer tracer;
-  tracer.open(dir.Path("trace").string());
-  SetDxTracer(&tracer);
-  {
-    const HostStateGuard guard(HostStateGuard::FaultSignals::kPutBack);
-    std::feraiseexcept(FE_INEXACT);
-  }
-  SetDxTracer(nullptr);
-  EXPECT_TRUE(TraceTexts(dir.Path("trace")).empty());
-}
-#endif

@@ -186,24 +186,6 @@ TEST_F(VexadxTest, BlocksRunInTheOrderOfTheCommandLine) {
   EXPECT_EQ(std::string::npos, outcome.err.find(": code 0 "));
 }
 
-TEST_F(VexadxTest, TextOfAnyKindMakesJson) {
-  // A character, two bytes that are none, one that is never finished.
-  const Outcome outcome = RunVexadx({"run", "CTEST", "--json", "-"}, "0 caf\xC3\xA9 \xFF\x80 \xE2\x82");
-  EXPECT_EQ(0, outcome.status);
-  EXPECT_EQ("0 caf\xC3\xA9 \xEF\xBF\xBD\xEF\xBF\xBD \xEF\xBF\xBD\n", OutputOf(outcome.out));
-}
-
-TEST_F(VexadxTest, AFailedPreActionSkipsTheBlock) {
-  Configure("LIB_NAME=ctest\nCTEST_PRE=4\n");
-  const std::string trace = home.Path("trace");
-  const Outcome outcome = RunVexadx({"run", "CTEST", "-e", "0", "--json", "--trace", trace});
-  EXPECT_EQ(1, outcome.status);
-  EXPECT_EQ(4, ObjectsOf(outcome.out, "block").at(0).at("code"));
-  const Strings texts = TraceTexts(trace);
-  EXPECT_EQ(1, std::count(texts.begin(), texts.end(), "StatisticsX::pre_action error code : 4."));
-  for (const std::string& text : texts) EXPECT_EQ(std::string::npos, text.find("execute_x")) << text;
-}
-
 TEST_F(VexadxTest, TheTraceHasTheStepsInOrder) {
   const std::string trace = home.Path("trace");
   home.Configure("[SUPPORTED_LANG]\nX=CTEST\nTRACE=" + trace + "\n[CTEST]\nLIB_NAME=ctest\n");
@@ -224,13 +206,6 @@ TEST_F(VexadxTest, TheTraceHasTheStepsInOrder) {
   texts.resize(expected.size());  // the engine is stopped once more when it is destroyed
   EXPECT_EQ(expected, texts);
   ExpectWords(Lines(ReadFile(trace)).at(1), {" CTEST>>"});
-}
-
-TEST_F(VexadxTest, OutputThatCannotBeWrittenIsNotASuccess) {
-  const std::string command = VEXADX_STAGED_HOME "/bin/vexadx run CTEST -e 0 --json > /dev/full";
-  ChildProcess shell({"/bin/sh", "-c", command});
-  EXPECT_EQ(2, shell.Wait());
-  ExpectWords(shell.Err(), {"vexadx: error: standard output cannot be written"});
 }
 
 TEST_F(VexadxTest, TheVersionAndTheEnginesAreListed) {
@@ -287,15 +262,6 @@ TEST_F(VexadxTest, WithoutAJavaRuntimeItSaysHowToGetOne) {
   ExpectWords(outcome.err, {"no Java runtime could be started", "install", "JAVA_HOME"});
 }
 
-TEST(VexadxHomeTest, IsDerivedFromTheProgram) {
-  ::unsetenv("VEXA_HOME");
-  const Outcome outcome = RunVexadx({"doctor", "--json"});
-  EXPECT_EQ(0, outcome.status) << outcome.out;
-  const Json home = ObjectsOf(outcome.out, "check").at(0);
-  EXPECT_EQ("home", home.at("check"));
-  EXPECT_EQ(std::filesystem::canonical(VEXADX_STAGED_HOME), home.at("detail").get<std::string>());
-}
-
 // Runs of the staged Python engine in a home of its own.
 class VexadxPythonTest : public testing::Test {
  protected:
@@ -341,13 +307,6 @@ TEST_F(VexadxPythonTest, JsonIsOneObjectALineWhateverTheBlockDoes) {
   EXPECT_EQ("code of the engine", blocks[1].at("meaning"));
   EXPECT_EQ(0, blocks[2].at("code"));
   ExpectWords(outcome.err, {"from a child", "block -e 2: code 3"});
-}
-
-TEST_F(VexadxPythonTest, ACharacterWrittenInPiecesStaysWhole) {
-  const Outcome outcome = RunVexadx(
-      Python({"--json", "-e", "import sys\nfor b in b'a\\xe2\\x82\\xac\\xc3': _ = sys.stdout.buffer.write(bytes([b]))",
-              "-e", "print('b')"}));
-  EXPECT_EQ("a\xE2\x82\xAC\xEF\xBF\xBD\x62\n", OutputOf(outcome.out));
 }
 
 TEST_F(VexadxPythonTest, CtrlCInterruptsTheBlockAndTheNextOneRuns) {
