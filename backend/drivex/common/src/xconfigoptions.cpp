@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <mutex>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -115,7 +116,12 @@ class AttachedThread {
   JNIEnv* m_env;
 };
 
+// Held while the Java machine is started: a second guard made meanwhile would take what the machine has changed so far
+// for the host's own state. Outer to the bridge's and the tracer's locks.
+std::mutex gStartGuard;
+
 bool startedJVM(VexaJVM& jvm) {
+  const std::lock_guard lock(gStartGuard);
   if (jvm.IsStarted()) return true;
   const HostStateGuard guard(HostStateGuard::FaultSignals::kLeave);
   return jvm.StartJVM();
