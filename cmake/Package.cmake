@@ -11,4 +11,5 @@ configure_file(cmake/vexadxcom.pc.in vexadxcom.pc @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/vexadxcom.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 
 install(FILES README.md CHANGELOG.md DESTINATION share/doc/vexadx)
+install(DIRECTORY docs DESTINATION share/doc/vexadx)
 install(DIRECTORY examples/ DESTINATION share/examples/vexadx)

@@ -2,6 +2,8 @@
 
 #ifdef __APPLE__
 #include <mach-o/dyld.h>
+
+#include <cstdint>
 #endif
 
 #include <cstdlib>
