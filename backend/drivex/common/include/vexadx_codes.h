@@ -7,10 +7,12 @@
 namespace vexadx {
 
 constexpr int kSuccess = 0;
-constexpr int kPluginThrew = 1;           // an entry point let an exception out; a plug-in may answer 1 itself
-constexpr int kLibraryNotLoaded = 99114;  // the plug-in library could not be loaded, or lacks a mandatory entry point
-constexpr int kNotInitialized = 99115;    // the engine has not been initialised, or its initialisation failed
-constexpr int kNoLibraryName = 99118;     // no plug-in library is configured for the X
+constexpr int kFailed = 1;  // a plug-in let an exception out, or memory gave out; a plug-in may answer 1 itself
+constexpr int kLibraryNotLoaded = 99114;    // the plug-in library could not be loaded, or lacks a mandatory entry point
+constexpr int kNotInitialized = 99115;      // the engine has not been initialised, or its initialisation failed
+constexpr int kThreadNotStarted = 99116;    // the thread of a run could not be started
+constexpr int kNoLibraryName = 99118;       // no plug-in library is configured for the X
+constexpr int kPythonNotPrepared = 999988;  // the pre-action of the X named PYTHON answered 1; nothing was executed
 
 // What one of these codes means, in one line without a full stop; null for any other code. The text is static.
 VEXADX_API const char* ResultText(int code);

@@ -3,7 +3,10 @@
 // Everything that libvexadxcom exports.
 
 #include "PlugInConfigReader.h"
+#include "PlugInCriticalSection.h"
 #include "PlugInDynamicLoadedLibrary.h"
+#include "PlugInThreadHot.h"
+#include "drivex.h"
 #include "dxglobals.h"
 #include "dxtracer.h"
 #include "dxutils.h"
@@ -11,5 +14,7 @@
 #include "statisticsx.h"
 #include "vexadx_codes.h"
 #include "vexadx_plugin.h"
+#include "vexadx_run.h"
 #include "vexadxconfigreader.h"
+#include "xcmdargument.h"
 #include "xconfigoptions.h"

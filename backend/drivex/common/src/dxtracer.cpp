@@ -15,6 +15,7 @@
 #include <ext/stdio_filebuf.h>
 #endif
 
+#include "cancellationguard.h"
 #include "dxglobals.h"
 
 namespace {
@@ -68,6 +69,7 @@ DxTracer::~DxTracer() { delete m_stream; }
 
 void DxTracer::open(const std::string& path) {
   if (path.empty()) return;
+  const CancellationGuard noCancellation;  // which would leave a stream that writes no more
   auto stream = std::make_unique<std::ofstream>();
   const std::lock_guard guard(gTraceGuard);
   delete std::exchange(m_stream, nullptr);  // first, so that opening the same file again truncates what it wrote
@@ -77,6 +79,7 @@ void DxTracer::open(const std::string& path) {
 }
 
 void DxTracer::write(const std::string& text) {
+  const CancellationGuard noCancellation;
   const std::lock_guard guard(gTraceGuard);
   if (!m_stream) return;
   std::string line;

@@ -32,7 +32,7 @@ int codeOf(const char* name, EntryPoint entry) {
 #endif
   } catch (...) {
     TraceLine({"The plug-in's ", name, " threw an exception."});
-    return vexadx::kPluginThrew;
+    return vexadx::kFailed;
   }
 }
 

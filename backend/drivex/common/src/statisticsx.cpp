@@ -3,6 +3,22 @@
 #include "dxtraceline.h"
 #include "vexadx_codes.h"
 
+namespace {
+
+// Sets the flag for a scope, also when the thread is cancelled in it. The flag only ever informs.
+class RunningScope {
+ public:
+  explicit RunningScope(std::atomic<bool>& flag) : m_flag(flag) { m_flag.store(true, std::memory_order_relaxed); }
+  ~RunningScope() { m_flag.store(false, std::memory_order_relaxed); }
+  RunningScope(const RunningScope&) = delete;
+  RunningScope& operator=(const RunningScope&) = delete;
+
+ private:
+  std::atomic<bool>& m_flag;
+};
+
+}  // namespace
+
 StatisticsX::StatisticsX(bool vexaDrive)
     : m_vexaDrive(vexaDrive), m_initialized(false), m_running(false), m_lock(false), m_r(false) {}
 
@@ -24,9 +40,8 @@ int StatisticsX::init_embedded_x(int argc, char** argv) {
 int StatisticsX::execute_x(char* syntax) {
   int code = vexadx::kNotInitialized;
   if (m_initialized) {
-    m_running.store(true, std::memory_order_relaxed);  // only ever informs
+    const RunningScope running(m_running);
     code = x_execute_x(syntax);
-    m_running.store(false, std::memory_order_relaxed);
   }
   TraceCode("StatisticsX::execute_x", code);
   return code;

@@ -10,8 +10,12 @@ const char* ResultText(int code) {
       return "the plug-in library could not be loaded, or an entry point it must export is missing";
     case kNotInitialized:
       return "the engine is not initialised";
+    case kThreadNotStarted:
+      return "the thread of the run could not be started";
     case kNoLibraryName:
       return "no plug-in library is configured for the engine";
+    case kPythonNotPrepared:
+      return "the pre-action of the Python engine answered 1 and nothing was executed";
     default:
       return nullptr;
   }
