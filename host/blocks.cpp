@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 
+#include "dxutils.h"
 #include "problem.h"
 
 namespace {
@@ -29,16 +30,25 @@ std::string ReadFile(const std::string& path) {
   return ReadAll(file.get(), path);
 }
 
+Block MakeBlock(const std::string& name, const std::string& text) {
+  // An engine takes C text and would silently run what stands before the NUL.
+  if (const std::size_t nul = text.find('\0'); nul != std::string::npos) {
+    throw Problem(kWrongUsage, name + " holds a NUL byte (at offset " + std::to_string(nul) + ")",
+                  "give program text; a file in UTF-16 has to be converted to UTF-8 first. Nothing has been run");
+  }
+  return {name, GetListFromDelims(text, "\n")};
+}
+
 Block ReadBlock(const BlockSource& source, int textNumber) {
   switch (source.kind) {
     case BlockSource::Kind::kFile:
-      return {source.value, ReadFile(source.value)};
+      return MakeBlock(source.value, ReadFile(source.value));
     case BlockSource::Kind::kStandardInput:
-      return {"standard input", ReadAll(stdin, "standard input")};
+      return MakeBlock("standard input", ReadAll(stdin, "standard input"));
     case BlockSource::Kind::kText:
       break;
   }
-  return {"-e " + std::to_string(textNumber), source.value};
+  return MakeBlock("-e " + std::to_string(textNumber), source.value);
 }
 
 }  // namespace
@@ -48,14 +58,7 @@ std::vector<Block> ReadBlocks(const std::vector<BlockSource>& sources) {
   int textNumber = 0;
   for (const BlockSource& source : sources) {
     if (source.kind == BlockSource::Kind::kText) ++textNumber;
-    Block block = ReadBlock(source, textNumber);
-    // An engine takes C text and would silently run what stands before the NUL.
-    if (const std::size_t nul = block.text.find('\0'); nul != std::string::npos) {
-      throw Problem(kWrongUsage, block.name + " holds a NUL byte (at offset " + std::to_string(nul) + ")",
-                    "give program text; a file in UTF-16 has to be converted to UTF-8 first. Nothing has been run");
-    }
-    if (!block.text.empty() && block.text.back() != '\n') block.text.push_back('\n');
-    blocks.push_back(std::move(block));
+    blocks.push_back(ReadBlock(source, textNumber));
   }
   return blocks;
 }

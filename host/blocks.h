@@ -8,7 +8,7 @@
 // One block of syntax, ready to be run.
 struct Block {
   std::string name;
-  std::string text;  // without NUL bytes; ends in a newline unless it is empty
+  std::vector<std::string> lines;  // without their newlines and without NUL bytes
 };
 
 // Reads every source, in order. Throws Problem when one cannot be read or holds a NUL byte.

@@ -84,6 +84,7 @@ std::optional<CommandLine> ParseCommandLine(int argc, char** argv) {
   RunSources sources;
   sources.Declare(*run);
   run->add_flag("--in-process", result.inProcess, "Run the engine inside this process");
+  run->add_flag("--threaded", result.threaded, "Run each block on a thread of its own");
   AddTrace(*run, result);
   AddJson(*run, result);
   run->add_flag("--verbose", result.verbose, "Report successful blocks, too");

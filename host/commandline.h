@@ -17,6 +17,7 @@ struct CommandLine {
   std::string engine;                // upper case; empty stands for every engine where one need not be named
   std::vector<BlockSource> sources;  // in the order of the command line
   bool inProcess = false;
+  bool threaded = false;  // each block runs on a thread of its own
   bool json = false;
   bool verbose = false;
   std::string trace;  // empty: as configured

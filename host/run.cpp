@@ -53,7 +53,7 @@ int Run(const CommandLine& commandLine, Report& report) {
   const Trace trace(TracePath(commandLine.trace), options.XName(), report);
   SetDXGlobalInitFin(true);
   interrupt::Install();
-  Session session(options);
+  Session session(options, commandLine.threaded ? Session::Thread::kOwn : Session::Thread::kCalling);
   session.Load();
   if (report.IsJson()) {
     gOutputReport = &report;

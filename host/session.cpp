@@ -4,15 +4,14 @@
 #include <chrono>
 #include <iterator>
 
-#include "dxutils.h"
+#include "drivex.h"
 #include "interrupt.h"
 #include "plugincheck.h"
 #include "vexadx_codes.h"
 #include "vexadx_plugin.h"
+#include "vexadx_run.h"
 
 namespace {
-
-constexpr const char* kDefaultRArguments = "--silent --no-save";
 
 // Outlives every engine, as a plug-in may use it to the end.
 vexadx::HostCallback gHostCallback = [] {
@@ -23,13 +22,30 @@ vexadx::HostCallback gHostCallback = [] {
   return callback;
 }();
 
-std::vector<std::string> StartArguments(XConfigOptions& options) {
-  std::string line = options.GetXArgs();
-  if (line.empty() && options.XName() == "R") line = kDefaultRArguments;
-  std::vector<std::string> arguments = GetListFromDelims(line, " ");
-  std::erase(arguments, "");
-  return arguments;
-}
+// One run. Its block can be interrupted while it executes.
+class BlockDriver : public DriveX {
+ public:
+  using DriveX::DriveX;
+
+  int RunOnItsThread() {
+    if (const int code = startX(); code != vexadx::kSuccess) return code;
+    vexadx::WaitForRun(*this);
+    return getReturnValue();
+  }
+
+  int ExecuteXLines(std::vector<std::string>& lines) override {
+    const interrupt::RunningBlock running;
+    const int code = DriveX::ExecuteXLines(lines);
+    // A block that came to its end all the same was not cut short.
+    m_interrupted = running.Interrupted() && code != vexadx::kSuccess;
+    return code;
+  }
+
+  bool Interrupted() const { return m_interrupted; }
+
+ private:
+  bool m_interrupted = false;
+};
 
 std::string CodeText(int code) { return "code " + std::to_string(code) + " (" + Meaning(code) + ")"; }
 
@@ -42,7 +58,8 @@ std::string StartAdvice(const XConfigOptions& options) {
 
 }  // namespace
 
-Session::Session(XConfigOptions& options) : m_options(options), m_engine(&options, true) {
+Session::Session(XConfigOptions& options, Thread thread)
+    : m_options(options), m_thread(thread), m_engine(&options, true) {
   m_engine.setup_dxcallback(&gHostCallback);
 }
 
@@ -58,12 +75,7 @@ void Session::Load() {
 }
 
 void Session::Start() {
-  std::vector<std::string> arguments = StartArguments(m_options);
-  std::vector<char*> argv;
-  argv.reserve(arguments.size() + 1);
-  for (std::string& argument : arguments) argv.push_back(argument.data());
-  argv.push_back(nullptr);
-  const int code = m_engine.init_embedded_x(static_cast<int>(arguments.size()), argv.data());
+  const int code = DriveX(m_options.XName(), &m_engine, &m_options).initializeX();
   if (code == vexadx::kSuccess) return;
   throw Problem(kNotStarted, "the engine " + m_options.XName() + " could not be started: " + CodeText(code),
                 StartAdvice(m_options));
@@ -72,22 +84,14 @@ void Session::Start() {
 BlockResult Session::Run(Block& block) {
   using Clock = std::chrono::steady_clock;
   const Clock::time_point begin = Clock::now();
+  BlockDriver driver(m_options.XName(), &m_engine, &m_options);
+  driver.setSyntax(block.lines);
   BlockResult result;
   result.name = block.name;
-  result.code = m_engine.pre_action();
-  if (result.code == vexadx::kSuccess) {
-    Execute(block, result);
-    (void)m_engine.post_action();  // the result of a block is that of its execution
-  }
+  result.code = m_thread == Thread::kOwn ? driver.RunOnItsThread() : driver.invokeX();
+  result.interrupted = driver.Interrupted();
   result.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
   return result;
-}
-
-void Session::Execute(Block& block, BlockResult& result) {
-  const interrupt::RunningBlock running;
-  result.code = m_engine.execute_x(block.text.data());
-  // A block that came to its end all the same was not cut short.
-  result.interrupted = running.Interrupted() && result.code != vexadx::kSuccess;
 }
 
 int Session::Stop() { return m_engine.stop_embedded_x(); }

@@ -8,8 +8,11 @@
 // One engine inside this process: Load, Start, blocks, Stop. Used by one thread.
 class Session {
  public:
+  // Where blocks run: on the thread that calls Run, or each on one of its own.
+  enum class Thread { kCalling, kOwn };
+
   // Opens the plug-in library. The options must outlive the session.
-  explicit Session(XConfigOptions& options);
+  explicit Session(XConfigOptions& options, Thread thread = Thread::kCalling);
 
   // The blocks' output goes to the function instead of the process's streams.
   void SendOutputTo(int (*output)(const char* text, int length));
@@ -24,8 +27,7 @@ class Session {
   int Stop();
 
  private:
-  void Execute(Block& block, BlockResult& result);
-
   XConfigOptions& m_options;
+  const Thread m_thread;
   InpStatisticsX m_engine;
 };

@@ -4,37 +4,12 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <memory>
 
-#include "dxglobals.h"
-#include "dxtracer.h"
-#include "temphome.h"
+#include "inprocess.h"
 
 namespace {
 
 using Texts = std::vector<std::string>;
-
-class InProcess : public testing::Test {
- protected:
-  InProcess() {
-    SetVEXAHOME(m_home.Path().c_str());
-    m_tracer.open(m_home.Path("trace.log"));
-    SetDxTracer(&m_tracer);
-  }
-  ~InProcess() override { SetDxTracer(nullptr); }
-
-  // An engine on one of the tests' plug-in libraries.
-  std::unique_ptr<InpStatisticsX> Engine(const std::string& plugin) {
-    if (!std::filesystem::exists(m_home.Path("lib/lib" + plugin + ".dylib"))) m_home.AddPlugin(plugin);
-    m_options.PutOption("LIB_NAME", plugin);
-    return std::make_unique<InpStatisticsX>(&m_options, true);
-  }
-  Texts Traced() { return TraceTexts(m_home.Path("trace.log")); }
-
-  TempHome m_home;
-  DxTracer m_tracer;
-  XConfigOptions m_options{"CTEST"};
-};
 
 std::string gOutput;
 int takeOutput(const char* text, int length) {

@@ -68,8 +68,11 @@ std::vector<std::string> Lines(const std::string& text) {
 std::vector<std::string> TraceTexts(const fs::path& trace) {
   std::vector<std::string> texts;
   for (const std::string& line : Lines(ReadFile(trace))) {
-    const std::size_t mark = line.find(">>");
-    if (mark != std::string::npos) texts.push_back(line.substr(mark + 2));
+    if (const std::size_t mark = line.find(">>"); mark != std::string::npos) {
+      texts.push_back(line.substr(mark + 2));
+    } else if (!line.starts_with("****")) {
+      texts.back() += "\n" + line;
+    }
   }
   return texts;
 }

@@ -45,5 +45,5 @@ std::string ReadFile(const std::filesystem::path& path);
 // The text's lines, without their newlines.
 std::vector<std::string> Lines(const std::string& text);
 
-// What follows ">>" in each line of a trace, without its banner.
+// What follows ">>" in the lines of a trace, without its banners. A text of several lines is one.
 std::vector<std::string> TraceTexts(const std::filesystem::path& trace);

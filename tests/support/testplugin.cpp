@@ -1,6 +1,8 @@
 // A plug-in library for the tests. Its codes come from the environment (CTEST_INIT, CTEST_PRE, CTEST_POST, CTEST_STOP;
-// 0 when unset) and a block's from its text; the code 666 is thrown instead. Compiled with WITHOUT_<entry point> it
-// lacks that one.
+// 0 when unset) and a block's from its text; the code 666 is thrown instead, and the block "wait" never ends. Compiled
+// with WITHOUT_<entry point> it lacks that one.
+
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -38,6 +40,7 @@ ENTRY_POINT int init_embedded_x(int argc, char** argv) {
 #ifndef WITHOUT_execute_x
 ENTRY_POINT int execute_x(char* syntax) {
   if (gOutput) gOutput(syntax, static_cast<int>(std::strlen(syntax)));
+  while (std::strncmp(syntax, "wait", 4) == 0) ::pause();
   return codeOf(syntax);
 }
 #endif

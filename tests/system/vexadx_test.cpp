@@ -186,26 +186,35 @@ TEST_F(VexadxTest, BlocksRunInTheOrderOfTheCommandLine) {
   EXPECT_EQ(std::string::npos, outcome.err.find(": code 0 "));
 }
 
-TEST_F(VexadxTest, TheTraceHasTheStepsInOrder) {
+TEST_F(VexadxTest, TheTraceHasTheStepsInOrderOnEitherThread) {
   const std::string trace = home.Path("trace");
   home.Configure("[SUPPORTED_LANG]\nX=CTEST\nTRACE=" + trace + "\n[CTEST]\nLIB_NAME=ctest\n");
-  EXPECT_EQ(1, RunVexadx({"run", "ctest", "-e", "0", "-e", "6", "--in-process"}).status);
-  const Strings expected{"StatisticsX::setup_dxcallback",
-                         "StatisticsX::init_embedded_x error code : 0.",
-                         "StatisticsX::pre_action error code : 0.",
-                         "StatisticsX::execute_x error code : 0.",
-                         "StatisticsX::post_action error code : 0.",
-                         "StatisticsX::pre_action error code : 0.",
-                         "StatisticsX::execute_x error code : 6.",
-                         "StatisticsX::post_action error code : 0.",
-                         "StatisticsX::stop_embedded_x error code : 0."};
-  Strings texts = TraceTexts(trace);
-  // What the runtimes had to be undone is their business.
-  std::erase_if(texts, [](const std::string& text) { return text.find("StatisticsX::") != 0; });
-  ASSERT_LE(expected.size(), texts.size());
-  texts.resize(expected.size());  // the engine is stopped once more when it is destroyed
-  EXPECT_EQ(expected, texts);
-  ExpectWords(Lines(ReadFile(trace)).at(1), {" CTEST>>"});
+  Strings expected{"StatisticsX::setup_dxcallback", "StatisticsX::init_embedded_x error code : 0."};
+  for (const std::string line : {"0", "6"}) {
+    const std::string code = "error code : " + line + ".";
+    const Strings run{"StatisticsX::pre_action error code : 0.",
+                      "DriveX PRE ACTION ",
+                      line + '\n',
+                      "StatisticsX::execute_x " + code,
+                      "DriveX ExecuteXLines  " + code,
+                      "StatisticsX::post_action error code : 0.",
+                      "DriveX POST ACTION "};
+    expected.insert(expected.end(), run.begin(), run.end());
+  }
+  expected.emplace_back("StatisticsX::stop_embedded_x error code : 0.");
+
+  for (const bool threaded : {false, true}) {
+    Strings arguments{"run", "ctest", "-e", "0", "-e", "6", "--in-process"};
+    if (threaded) arguments.emplace_back("--threaded");
+    EXPECT_EQ(1, RunVexadx(arguments).status);
+    Strings texts = TraceTexts(trace);
+    // What the runtimes did to the host's state is their business.
+    std::erase_if(texts, [](const std::string& text) { return text.starts_with("HostStateGuard"); });
+    ASSERT_LE(expected.size(), texts.size());
+    texts.resize(expected.size());  // the engine is stopped once more when it is destroyed
+    EXPECT_EQ(expected, texts);
+    ExpectWords(Lines(ReadFile(trace)).at(1), {" CTEST>>"});
+  }
 }
 
 TEST_F(VexadxTest, TheVersionAndTheEnginesAreListed) {
@@ -273,7 +282,7 @@ class VexadxPythonTest : public testing::Test {
   TempHome home;
 };
 
-constexpr const char* kReadyForever = "import itertools\nprint('ready')\nsum(i for i in itertools.count())\n";
+constexpr const char* kReadyForever = "import itertools\nprint('ready')\nsum(i for i in itertools.count())";
 
 TEST_F(VexadxPythonTest, StandardOutputIsTheBlocksAlone) {
   const Outcome outcome = RunVexadx(Python({"-e", "x = 6", "-", "-e", "print(x * 7)"}), "print('hello')");
@@ -310,12 +319,16 @@ TEST_F(VexadxPythonTest, JsonIsOneObjectALineWhateverTheBlockDoes) {
 }
 
 TEST_F(VexadxPythonTest, CtrlCInterruptsTheBlockAndTheNextOneRuns) {
-  ChildProcess child(CommandOf(Python({"-e", "kept = 'kept'", "-e", kReadyForever, "-e", "print(kept)"})));
-  child.AwaitOutput("ready\n");
-  child.Signal(SIGINT);
-  EXPECT_EQ(130, child.Wait());
-  EXPECT_EQ("ready\nkept\n", child.Out());
-  ExpectWords(child.Err(), {"KeyboardInterrupt", "block -e 2: interrupted: code 1"});
+  for (const bool threaded : {false, true}) {
+    Strings arguments = Python({"-e", "kept = 'kept'", "-e", kReadyForever, "-e", "print(kept)"});
+    if (threaded) arguments.emplace_back("--threaded");
+    ChildProcess child(CommandOf(arguments));
+    child.AwaitOutput("ready\n");
+    child.Signal(SIGINT);
+    EXPECT_EQ(130, child.Wait());
+    EXPECT_EQ("ready\nkept\n", child.Out());
+    ExpectWords(child.Err(), {"KeyboardInterrupt", "block -e 2: interrupted: code 1"});
+  }
 }
 
 // Prints "ready" and runs until it is interrupted, and does so once more each time it has survived an interrupt.

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 static int printOutput(const char* text, int length) {
   return static_cast<int>(std::fwrite(text, 1, static_cast<std::size_t>(length), stdout));
@@ -17,13 +18,10 @@ int main(int argc, char** argv) {
   XConfigOptions* options = VexaDXConfigReader::GetInstance("PYTHON");
   InpStatisticsX engine(options, true);
   engine.set_post_vexa_output(&printOutput);
-  int code = engine.init_embedded_x(0, nullptr);
-  if (code == 0) code = engine.pre_action();
-  if (code == 0) {
-    std::string block = std::string(argv[2]) + "\n";
-    code = engine.execute_x(block.data());
-    engine.post_action();
-  }
+  std::vector<std::string> lines{argv[2]};
+  DriveX driver("PYTHON", &engine, options);
+  driver.setSyntax(lines);
+  const int code = driver.invokeX();
   if (code != 0) std::fprintf(stderr, "code %d\n", code);
   return code == 0 ? 0 : 1;
 }
