@@ -7,68 +7,16 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
 #include <cstdlib>
 #include <string>
-#include <vector>
 
 #include "dxglobals.h"
 #include "dxtracer.h"
 #include "inpstatisticsx.h"
 #include "pointertest.h"
+#include "ratio.h"
 
 namespace {
-
-constexpr int kRounds = 300;
-constexpr int kCallsARound = 500;
-
-template <typename Call>
-double nanosecondsPerCall(Call call) {
-  const auto start = std::chrono::steady_clock::now();
-  for (int i = 0; i < kCallsARound; ++i) call();
-  const std::chrono::duration<double, std::nano> elapsed = std::chrono::steady_clock::now() - start;
-  return elapsed.count() / kCallsARound;
-}
-
-double median(std::vector<double> values) {
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
-}
-
-// Times the call and its limit in turn, round by round.
-struct Pair {
-  std::vector<double> call;
-  std::vector<double> limit;
-
-  double Call() const { return median(call); }
-  double Limit() const { return median(limit); }
-  double Ratio() const {
-    std::vector<double> ratios;
-    for (std::size_t i = 0; i < call.size(); ++i) ratios.push_back(call[i] / limit[i]);
-    return median(ratios);
-  }
-};
-
-template <typename Call, typename Limit>
-Pair measure(benchmark::State& state, Call call, Limit limit) {
-  Pair pair;
-  for ([[maybe_unused]] auto _ : state) {
-    pair.limit.push_back(nanosecondsPerCall(limit));
-    pair.call.push_back(nanosecondsPerCall(call));
-    state.SetIterationTime(pair.call.back() * 1e-9);
-  }
-  state.counters["call_ns"] = pair.Call();
-  state.counters["limit_ns"] = pair.Limit();
-  return pair;
-}
-
-void stopUnless(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "engine_bench: %s\n", what);
-  std::exit(1);
-}
 
 // REQUIRES: the interpreter lock is held.
 void evaluateDirectly(const char* text, PyObject* globals) {
