@@ -50,8 +50,8 @@ class VEXADX_API PlugInThreadHot {
   // Does not wait: true for a count above 0. Nothing else is used.
   static bool WaitForMultipleThreads(PlugInThreadHot* const* threads, int count, unsigned int timeoutMs = 4294967295U);
 
-  // Makes the calling thread the object's thread, unless the object ever had one. The thread has to be waited for, or
-  // the object destroyed, before the thread is joined or detached by others.
+  // Makes the calling thread the object's thread until it ends, unless the object ever had one. Waiting for it while it
+  // runs, also by destroying the object, joins it: then nobody else may.
   bool Attach();
 
   bool HasThread() const;
@@ -74,9 +74,10 @@ class VEXADX_API PlugInThreadHot {
 
  private:
   friend void* EntryFunc(void* threadObject);
-  struct StartedThread;
-  struct Registry;
-  class JoinClaim;
+  struct VEXADX_HIDDEN StartedThread;
+  struct VEXADX_HIDDEN Registry;
+  struct VEXADX_HIDDEN AttachedThread;
+  class VEXADX_HIDDEN JoinClaim;
 
   VEXADX_HIDDEN static Registry& registry();
   VEXADX_HIDDEN const char* initializePlatformObjects(int& error);

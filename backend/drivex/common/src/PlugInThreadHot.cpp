@@ -127,6 +127,22 @@ class PlugInThreadHot::JoinClaim {
   bool m_letGo = false;     // guarded by the registry's guard
 };
 
+// Ends with a thread that attached itself.
+struct PlugInThreadHot::AttachedThread {
+  AttachedThread() = default;
+  ~AttachedThread() {
+    const std::lock_guard guard(registry().guard);
+    registry().forgetAttached(::pthread_self());
+  }
+  AttachedThread(const AttachedThread&) = delete;
+  AttachedThread& operator=(const AttachedThread&) = delete;
+
+  static void BeginHere() {
+    thread_local const AttachedThread ends;
+    (void)ends;
+  }
+};
+
 // Never destroyed: threads may still end while the process does.
 PlugInThreadHot::Registry& PlugInThreadHot::registry() {
   static Registry& registry = *new Registry;
@@ -192,12 +208,9 @@ bool PlugInThreadHot::createThread(const pthread_attr_t& attributes) {
   StartedThread& started = entry.emplace(pthread_t{}, StartedThread{this, 0}).first->second;
 
   std::unique_lock guard(registry().guard);
-  while (isThreadKnown()) {  // the earlier thread's work has ended, but it has not let go of the object
-    JoinClaim earlier(*this);
-    if (HasThread() || !earlier.Take(registry())) return false;
-    guard.unlock();
-    (void)earlier.Wait();
-    guard.lock();
+  while (isThreadKnown()) {  // an earlier thread, whose work has ended, but which has not let go of the object
+    if (HasThread() || ::pthread_equal(m_threadId, ::pthread_self())) return false;
+    registry().threadLetGo.wait(guard);
   }
   // The guard is kept until the thread is registered, so that it cannot leave before. It may have done its work by
   // then, and cleared the flag that is set here.
@@ -297,6 +310,7 @@ bool PlugInThreadHot::WaitForMultipleThreads(PlugInThreadHot* const* /*threads*/
 }
 
 bool PlugInThreadHot::Attach() {
+  AttachedThread::BeginHere();
   const std::lock_guard guard(registry().guard);
   if (m_threadId != pthread_t{}) return false;
   registry().attached.insert(this);
