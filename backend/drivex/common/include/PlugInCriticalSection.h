@@ -97,7 +97,8 @@ class VEXADX_API PlugInCriticalSectionExt::TryLock {
   PlugInCriticalSectionExt* m_section;
 };
 
-// An event that one thread signals and another waits for. Any thread may use it; a waiting thread may be cancelled.
+// An event that one thread signals and another waits for. Any thread may use it. A waiting thread may be cancelled, on
+// an automatic event when its turn to wait has come.
 class VEXADX_API PlugInSynchEvent {
  public:
   // With automatic reset a completed wait clears the signalled state, with manual reset only Unsignal does. The name is
