@@ -70,7 +70,7 @@ std::vector<std::string> TraceTexts(const fs::path& trace) {
   for (const std::string& line : Lines(ReadFile(trace))) {
     if (const std::size_t mark = line.find(">>"); mark != std::string::npos) {
       texts.push_back(line.substr(mark + 2));
-    } else if (!line.starts_with("****")) {
+    } else if (!texts.empty() && !line.starts_with("****")) {
       texts.back() += "\n" + line;
     }
   }

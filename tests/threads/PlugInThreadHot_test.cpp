@@ -4,6 +4,7 @@
 #include <signal.h>
 
 #include <atomic>
+#include <functional>
 #include <future>
 #include <memory>
 #include <thread>
@@ -62,18 +63,74 @@ TEST(Thread, IsWaitedForByTheDestructor) {
   Gate begun;
   Gate go;
   std::atomic<bool> ended{false};
-  auto thread = std::make_unique<Worker>([&] {
+  struct Bare : PlugInThreadHot {  // whose own destructor does not wait
+    explicit Bare(const std::function<void()>& todo) : m_todo(todo) {}
+    int Run() override {
+      m_todo();
+      return 0;
+    }
+    const std::function<void()>& m_todo;
+  };
+  const std::function<void()> todo = [&] {
     begun.Signal();
     go.WaitForSignal();
     ended = true;
-    return 0;
-  });
+  };
+  auto thread = std::make_unique<Bare>(todo);
   ASSERT_TRUE(thread->Start(0));
   begun.WaitForSignal();
   std::thread helper([&] { go.Signal(); });
   thread.reset();
   EXPECT_TRUE(ended);
   helper.join();
+}
+
+namespace {
+
+// Its thread stays for a while after its work.
+class Lingering : public Worker {
+ public:
+  Lingering(Gate& lingers, Gate& go, std::atomic<bool>& left)
+      : Worker([] { return 0; }), m_lingers(lingers), m_go(go), m_left(left) {}
+
+  int Entry() override {
+    const int result = Worker::Entry();
+    m_lingers.Signal();
+    m_go.WaitForSignal();
+    m_left = true;
+    return result;
+  }
+
+ private:
+  Gate& m_lingers;
+  Gate& m_go;
+  std::atomic<bool>& m_left;
+};
+
+}  // namespace
+
+TEST(Thread, HasTheObjectUntilItLeaves) {
+  using Object = std::unique_ptr<Lingering>;
+  void (*const kOperations[])(Object&) = {[](Object& thread) { EXPECT_TRUE(thread->WaitForStop()); },
+                                          [](Object& thread) { EXPECT_TRUE(thread->Start(0)); },
+                                          [](Object& thread) { thread.reset(); }};
+  for (const auto operation : kOperations) {
+    Gate lingers;
+    Gate go;
+    std::atomic<bool> left{false};
+    auto thread = std::make_unique<Lingering>(lingers, go, left);
+    ASSERT_TRUE(thread->Start(0));
+    lingers.WaitForSignal();
+    EXPECT_FALSE(thread->HasThread());
+    std::thread releaser([&] {
+      for (int i = 0; i < 1000; ++i) std::this_thread::yield();  // time to answer too early
+      go.Signal();
+    });
+    operation(thread);
+    EXPECT_TRUE(left);
+    releaser.join();
+    go.Signal();  // for a thread that was started
+  }
 }
 
 TEST(Thread, NothingIsKnownOfSeveralThreadsButTheirNumber) {
@@ -114,9 +171,12 @@ TEST(Thread, AnAttachedOneIsJoinedWhileItRunsAndForgottenWhenItHasEnded) {
   };
   ASSERT_EQ(0, ::pthread_create(&platformThread, nullptr, run, &running));
   running.attached.WaitForSignal();
+  std::thread other([&] { EXPECT_TRUE(running.thread.WaitForStop()); });
+  EXPECT_TRUE(running.thread.Signal(0));
   running.go.Signal();
   EXPECT_TRUE(running.thread.WaitForStop());
   EXPECT_FALSE(running.thread.HasThread());
+  other.join();
 
   PlugInThreadHot second;  // of a thread that another object started
   Worker first([&] { return second.Attach() ? 1 : 0; });
@@ -165,19 +225,21 @@ TEST(Thread, GetsSignalsWhileItRuns) {
 
 TEST(Thread, SuspendsUntilItIsResumed) {
   Gate begun;
-  std::atomic<bool> suspended{true};
+  std::atomic<bool> resumed{false};
   Worker thread([&] {
     begun.Signal();
-    const bool answer = thread.Suspend();
-    suspended = false;
-    return answer ? 1 : 0;
+    return thread.Suspend() && resumed ? 1 : 0;
   });
-  ASSERT_TRUE(thread.Start(0));
-  begun.WaitForSignal();
-  EXPECT_TRUE(suspended);
-  EXPECT_TRUE(thread.Resume());
-  EXPECT_TRUE(thread.WaitForStop());
-  EXPECT_EQ(1, thread.GetReturnValue());
+  for (int round = 0; round < 50; ++round) {
+    resumed = false;
+    ASSERT_TRUE(thread.Start(0));
+    begun.WaitForSignal();
+    for (int i = 0; i < 100; ++i) std::this_thread::yield();  // time to go on too early
+    resumed = true;
+    EXPECT_TRUE(thread.Resume());
+    EXPECT_TRUE(thread.WaitForStop());
+    EXPECT_EQ(1, thread.GetReturnValue());
+  }
 
   PlugInThreadHot resumedFirst;
   for (int i = 0; i < 2; ++i) EXPECT_TRUE(resumedFirst.Resume());
@@ -195,7 +257,6 @@ TEST(Thread, IsTerminatedAlone) {
   });
   Worker thread([&] {
     itself.set_value(thread.Terminate());
-    thread.SetHasThread(true);  // for which it takes the lock of Terminate
     begun.Signal();
     never.WaitForSignal();
     return 1;

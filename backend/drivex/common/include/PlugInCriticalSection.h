@@ -17,7 +17,8 @@ class VEXADX_API PlugInCriticalSection {
 
   PlugInCriticalSection();
 
-  // Releases a section that the calling thread still holds. REQUIRES: no other thread holds it or waits for it.
+  // Releases a section that the calling thread still holds. REQUIRES: no other thread holds it, waits for it, or
+  // is still inside Release.
   virtual ~PlugInCriticalSection();
   PlugInCriticalSection(const PlugInCriticalSection&) = delete;
   PlugInCriticalSection& operator=(const PlugInCriticalSection&) = delete;
@@ -105,7 +106,7 @@ class VEXADX_API PlugInSynchEvent {
   // not used and may be null.
   PlugInSynchEvent(bool manualReset, bool signaled, const char* name);
 
-  // REQUIRES: nobody waits.
+  // REQUIRES: nobody is inside any other operation of it.
   virtual ~PlugInSynchEvent();
   PlugInSynchEvent(const PlugInSynchEvent&) = delete;
   PlugInSynchEvent& operator=(const PlugInSynchEvent&) = delete;

@@ -16,7 +16,8 @@ VEXADX_API void* EntryFunc(void* threadObject);
 // either way.
 //
 // Any thread may call the operations. REQUIRES, for a subclass that is destroyed while its thread may run: its
-// destructor waits for the thread itself, as the thread still calls Run on it.
+// destructor waits for the thread itself, as the thread still calls Run on it; with cancellation disabled if the
+// destroying thread may be cancelled, since no cancellation can leave a destructor.
 class VEXADX_API PlugInThreadHot {
  public:
   // What the thread does; calls Run and keeps its result. Answers that result.
@@ -26,8 +27,9 @@ class VEXADX_API PlugInThreadHot {
   virtual ~PlugInThreadHot();
 
   // Cancels the thread, and only it, and waits for its end; afterwards the object has no thread. The thread ends at the
-  // next point at which a thread can be cancelled: a system call that may block, or a wait. False when there is no
-  // thread, or when it is the calling one.
+  // next point at which a thread can be cancelled: a system call that may block, or a wait for a condition, but not
+  // while it waits for a section or for its turn at an automatic event. False when there is no thread, or when it is
+  // the calling one.
   virtual bool Terminate();
 
   // The work, for subclasses; this one does nothing and answers 0. No exception may leave it.
@@ -39,11 +41,12 @@ class VEXADX_API PlugInThreadHot {
 
   // Makes a thread with this stack size in bytes (0, or one the platform does not take: its default). True when there
   // is a new thread; false when the object has one already or the platform refuses. The object may be started again
-  // once its thread has ended.
+  // once its thread has ended; Start waits for a thread that has done its work to let go of the object.
   bool Start(unsigned long stackSize);
 
-  // Waits for the thread to end, without limit: the time-out is not used. True when the object then has no thread;
-  // false when the thread cannot be waited for, because it is the calling one.
+  // Waits for the thread to end, or to let go of the object when its work is done; without limit: the time-out is not
+  // used. True when the object then has no thread; false when the thread cannot be waited for, because it is the
+  // calling one or itself waits for it.
   bool WaitForStop(unsigned int timeoutMs);
   bool WaitForStop();
 
@@ -51,7 +54,7 @@ class VEXADX_API PlugInThreadHot {
   static bool WaitForMultipleThreads(PlugInThreadHot* const* threads, int count, unsigned int timeoutMs = 4294967295U);
 
   // Makes the calling thread the object's thread until it ends, unless the object ever had one. Waiting for it while it
-  // runs, also by destroying the object, joins it: then nobody else may.
+  // runs, also by destroying the object, joins it: then nobody else may, and it must not be detached.
   bool Attach();
 
   bool HasThread() const;
@@ -81,6 +84,7 @@ class VEXADX_API PlugInThreadHot {
 
   VEXADX_HIDDEN static Registry& registry();
   VEXADX_HIDDEN const char* initializePlatformObjects(int& error);
+  VEXADX_HIDDEN void awaitEarlierThread();
   VEXADX_HIDDEN bool createThread(const pthread_attr_t& attributes);
   VEXADX_HIDDEN bool isThreadKnown();
   VEXADX_HIDDEN void* letGo();

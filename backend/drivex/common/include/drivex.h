@@ -21,7 +21,8 @@ class VEXADX_API DriveX {
   // Engine and options stay the caller's and outlive the driver; neither may be null, which is checked.
   DriveX(const std::string& xName, StatisticsX* engine, XConfigOptions* options);
 
-  // Waits for the thread, if there is one.
+  // Waits for the thread, if there is one. A subclass waits for it in its own destructor, with vexadx::WaitForRun: the
+  // thread still calls what it overrides.
   virtual ~DriveX();
   DriveX(const DriveX&) = delete;
   DriveX& operator=(const DriveX&) = delete;
@@ -39,7 +40,7 @@ class VEXADX_API DriveX {
   // Executes the lines as one block, a newline after each. 1 when there is no memory for the block.
   virtual int ExecuteXLines(std::vector<std::string>& lines);
 
-  const std::string& XName() const;
+  const std::string& XName();
 
   // The lines to run. They stay the caller's, who keeps them until the run is over; without any the block is empty.
   void setSyntax(std::vector<std::string>& lines);
@@ -48,13 +49,13 @@ class VEXADX_API DriveX {
   int startX();
 
   // The code of the run that startX started, once its thread has ended; 0 without one.
-  int getReturnValue() const;
+  int getReturnValue();
 
   // The nesting level of the run.
-  int getIndex() const;
+  int getIndex();
   void setIndex(int index);
 
-  bool isStopped() const;  // always true: kept for the host
+  bool isStopped();  // always true: kept for the host
 
  private:
   friend void vexadx::WaitForRun(DriveX& driver);

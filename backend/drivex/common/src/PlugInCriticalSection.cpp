@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <ctime>
+#include <new>
 #include <optional>
 #include <utility>
 
@@ -71,7 +72,13 @@ void PlugInCriticalSection::Acquire() {
   const int tmp = ::pthread_mutex_lock(m_Handle);
   DxAssert(tmp == 0, "tmp==0", "Acquire", kSourceFile);
   m_Locked = true;
-  Increment_ThreadCount(self);
+  try {
+    Increment_ThreadCount(self);
+  } catch (const std::bad_alloc&) {  // held by nobody, or it would be held for ever
+    m_Locked = false;
+    ::pthread_mutex_unlock(m_Handle);
+    throw;
+  }
 }
 
 void PlugInCriticalSection::Release() {

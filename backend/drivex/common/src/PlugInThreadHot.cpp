@@ -6,7 +6,6 @@
 #include <iostream>
 #include <map>
 #include <mutex>
-#include <set>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -34,17 +33,11 @@ struct PlugInThreadHot::Registry {
   std::mutex guard;
   std::condition_variable threadLetGo;
   std::map<pthread_t, StartedThread> curThread;
-  std::set<PlugInThreadHot*> attached;  // those whose thread somebody else made
+  std::map<PlugInThreadHot*, JoinClaim*> attached;  // those whose thread somebody else made, and who joins it
   unsigned long lastSerial = 0;
 
-  // The thread of this identifier has ended, or is about to: no attached object has it any more.
-  void forgetAttached(pthread_t thread) {
-    std::erase_if(attached, [&](PlugInThreadHot* object) {
-      if (!::pthread_equal(object->m_threadId, thread)) return false;
-      object->m_hasThread = false;
-      return true;
-    });
-  }
+  // The calling thread is about to end: no attached object has it any more.
+  void forgetAttached();
 };
 
 // How one caller waits for one thread to end. At most one joins it; others wait until it has let go of its object.
@@ -65,15 +58,11 @@ class PlugInThreadHot::JoinClaim {
     m_thread = m_object.m_threadId;
     if (::pthread_equal(m_thread, ::pthread_self())) return false;
     const auto entry = registry.curThread.find(m_thread);
-    if (entry == registry.curThread.end()) {
-      registry.attached.erase(&m_object);
-      m_way = Way::kJoin;
-      m_attached = true;
-      return true;
-    }
-    m_serial = entry->second.serial;
-    m_way = entry->second.joiner || !m_object.HasThread() ? Way::kLetGo : Way::kJoin;
-    if (m_way == Way::kJoin) entry->second.joiner = this;
+    m_attached = entry == registry.curThread.end();
+    if (!m_attached) m_serial = entry->second.serial;
+    JoinClaim*& joiner = m_attached ? registry.attached.at(&m_object) : entry->second.joiner;
+    m_way = joiner || !m_object.HasThread() ? Way::kLetGo : Way::kJoin;
+    if (m_way == Way::kJoin) joiner = this;
     return true;
   }
 
@@ -87,21 +76,17 @@ class PlugInThreadHot::JoinClaim {
     }
     if (::pthread_join(m_thread, nullptr) != 0) return false;  // given back by the destructor
     m_way = Way::kNothing;
-    if (m_attached) {
-      const std::lock_guard guard(registry().guard);
-      m_object.m_hasThread = false;
-      registry().forgetAttached(m_thread);
-    }
     return true;
   }
 
-  // The thread has let go of its object and leaves itself to be joined. Called with the registry's guard held.
+  // The thread has let go of its object and ends, to be joined. Called with the registry's guard held.
   void ThreadHasLetGo() { m_letGo = true; }
 
  private:
   void awaitLetGo() {
     std::unique_lock guard(registry().guard);
     registry().threadLetGo.wait(guard, [this] {
+      if (m_attached) return !registry().attached.contains(&m_object);
       const auto entry = registry().curThread.find(m_thread);
       return entry == registry().curThread.end() || entry->second.serial != m_serial;
     });
@@ -110,13 +95,11 @@ class PlugInThreadHot::JoinClaim {
   // The join has failed, or was cancelled: the thread has to look after itself again.
   void giveBack() {
     const std::lock_guard guard(registry().guard);
-    if (m_attached) {
-      registry().attached.insert(&m_object);
-    } else if (m_letGo) {
-      ::pthread_detach(m_thread);
-    } else {
-      registry().curThread.at(m_thread).joiner = nullptr;
+    if (m_letGo) {
+      if (!m_attached) ::pthread_detach(m_thread);  // else it is for whoever made it
+      return;
     }
+    (m_attached ? registry().attached.at(&m_object) : registry().curThread.at(m_thread).joiner) = nullptr;
   }
 
   PlugInThreadHot& m_object;
@@ -127,12 +110,23 @@ class PlugInThreadHot::JoinClaim {
   bool m_letGo = false;     // guarded by the registry's guard
 };
 
+void PlugInThreadHot::Registry::forgetAttached() {
+  const std::size_t forgotten = std::erase_if(attached, [](const auto& entry) {
+    const auto& [object, joiner] = entry;
+    if (!::pthread_equal(object->m_threadId, ::pthread_self())) return false;
+    object->m_hasThread = false;
+    if (joiner) joiner->ThreadHasLetGo();
+    return true;
+  });
+  if (forgotten > 0) threadLetGo.notify_all();
+}
+
 // Ends with a thread that attached itself.
 struct PlugInThreadHot::AttachedThread {
   AttachedThread() = default;
   ~AttachedThread() {
     const std::lock_guard guard(registry().guard);
-    registry().forgetAttached(::pthread_self());
+    registry().forgetAttached();
   }
   AttachedThread(const AttachedThread&) = delete;
   AttachedThread& operator=(const AttachedThread&) = delete;
@@ -192,6 +186,7 @@ PlugInThreadHot::~PlugInThreadHot() {
 }
 
 bool PlugInThreadHot::Start(unsigned long stackSize) {
+  awaitEarlierThread();
   const PlugInCriticalSection::Lock state(m_stateLock);
   if (HasThread()) return false;
   pthread_attr_t attributes;
@@ -202,18 +197,23 @@ bool PlugInThreadHot::Start(unsigned long stackSize) {
   return created;
 }
 
+// A thread whose work has ended may not have let go of the object yet. Without the state lock, which it may want.
+void PlugInThreadHot::awaitEarlierThread() {
+  std::unique_lock guard(registry().guard);
+  while (isThreadKnown() && !HasThread() && !::pthread_equal(m_threadId, ::pthread_self())) {
+    registry().threadLetGo.wait(guard);
+  }
+}
+
 bool PlugInThreadHot::createThread(const pthread_attr_t& attributes) {
   // Allocated before there is a thread that could be lost.
   std::map<pthread_t, StartedThread> entry;
   StartedThread& started = entry.emplace(pthread_t{}, StartedThread{this, 0}).first->second;
 
-  std::unique_lock guard(registry().guard);
-  while (isThreadKnown()) {  // an earlier thread, whose work has ended, but which has not let go of the object
-    if (HasThread() || ::pthread_equal(m_threadId, ::pthread_self())) return false;
-    registry().threadLetGo.wait(guard);
-  }
-  // The guard is kept until the thread is registered, so that it cannot leave before. It may have done its work by
-  // then, and cleared the flag that is set here.
+  // Kept until the thread is registered, so that it cannot leave before. It may have done its work by then, and cleared
+  // the flag that is set here.
+  const std::lock_guard guard(registry().guard);
+  if (isThreadKnown()) return false;
   started.serial = ++registry().lastSerial;
   pthread_t thread{};
   m_hasThread = true;
@@ -272,7 +272,7 @@ void* PlugInThreadHot::letGo() {
   JoinClaim* joiner = entry == registry().curThread.end() ? nullptr : entry->second.joiner;
   if (entry != registry().curThread.end()) {
     m_hasThread = false;
-    registry().forgetAttached(self);
+    registry().forgetAttached();
     registry().curThread.erase(entry);
     registry().threadLetGo.notify_all();
   }
@@ -313,7 +313,7 @@ bool PlugInThreadHot::Attach() {
   AttachedThread::BeginHere();
   const std::lock_guard guard(registry().guard);
   if (m_threadId != pthread_t{}) return false;
-  registry().attached.insert(this);
+  registry().attached.emplace(this, nullptr);
   m_threadId = ::pthread_self();
   m_hasThread = true;
   return true;

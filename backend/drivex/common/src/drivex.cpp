@@ -84,7 +84,7 @@ int DriveX::ExecuteXLines(std::vector<std::string>& lines) {
   return m_ximpl->execute_x(block.data());
 }
 
-const std::string& DriveX::XName() const { return m_xName; }
+const std::string& DriveX::XName() { return m_xName; }
 
 void DriveX::setSyntax(std::vector<std::string>& lines) { m_syntax = &lines; }
 
@@ -93,12 +93,12 @@ int DriveX::startX() {
   return m_thread->Start(0) ? vexadx::kSuccess : vexadx::kThreadNotStarted;
 }
 
-int DriveX::getReturnValue() const { return m_thread ? m_thread->GetReturnValue() : vexadx::kSuccess; }
+int DriveX::getReturnValue() { return m_thread ? m_thread->GetReturnValue() : vexadx::kSuccess; }
 
-int DriveX::getIndex() const { return m_index; }
+int DriveX::getIndex() { return m_index; }
 void DriveX::setIndex(int index) { m_index = index; }
 
-bool DriveX::isStopped() const { return !m_running; }
+bool DriveX::isStopped() { return !m_running; }
 
 DriveX::DriveXThread::DriveXThread(DriveX* driver) : m_driver(driver) {}
 
