@@ -193,11 +193,11 @@ TEST(SynchEvent, WaitsAsLongAsAskedAndATimeOutLeavesItsState) {
 
 TEST(SynchEvent, KeepsItsStateUntilAWaitOrUnsignalClearsIt) {
   const struct {
-    bool manualReset, signaled;
     const char* steps;  // Signal, Unsignal, Wait
     int want;
-  } kCases[] = {{false, true, "", 1},    {false, true, "W", 0}, {false, false, "SSW", 0}, {false, false, "S", 1},
-                {false, true, "USW", 0}, {true, true, "WW", 1}, {true, false, "SWUS", 1}, {true, false, "SWU", 0}};
+    bool manualReset, signaled;
+  } kCases[] = {{"", 1, false, true},    {"W", 0, false, true}, {"SSW", 0, false, false}, {"S", 1, false, false},
+                {"USW", 0, false, true}, {"WW", 1, true, true}, {"SWUS", 1, true, false}, {"SWU", 0, true, false}};
   for (const auto& c : kCases) {
     PlugInSynchEvent event(c.manualReset, c.signaled, nullptr);
     for (const char step : std::string(c.steps)) {

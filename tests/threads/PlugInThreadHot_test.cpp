@@ -50,6 +50,7 @@ TEST(Thread, IsWaitedForByAnyNumberOfThreadsButItself) {
   });
   ASSERT_TRUE(thread.Start(0));
   std::vector<std::future<bool>> waiters;
+  waiters.reserve(4);
   for (int i = 0; i < 4; ++i) {
     waiters.push_back(
         std::async(std::launch::async, [&] { return thread.WaitForStop() && thread.GetReturnValue() == 3; }));

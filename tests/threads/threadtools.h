@@ -36,6 +36,7 @@ bool becomesTrue(Condition condition) {
 template <typename Body>
 void inParallel(int count, Body body) {
   std::vector<std::thread> threads;
+  threads.reserve(static_cast<std::size_t>(count));
   for (int i = 0; i < count; ++i) threads.emplace_back(body);
   for (std::thread& thread : threads) thread.join();
 }
