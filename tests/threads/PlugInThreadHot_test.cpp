@@ -93,6 +93,7 @@ class Lingering : public Worker {
  public:
   Lingering(Gate& lingers, Gate& go, std::atomic<bool>& left)
       : Worker([] { return 0; }), m_lingers(lingers), m_go(go), m_left(left) {}
+  ~Lingering() override { WaitForStop(); }
 
   int Entry() override {
     const int result = Worker::Entry();
@@ -225,14 +226,13 @@ TEST(Thread, GetsSignalsWhileItRuns) {
 }
 
 TEST(Thread, SuspendsUntilItIsResumed) {
-  Gate begun;
-  std::atomic<bool> resumed{false};
-  Worker thread([&] {
-    begun.Signal();
-    return thread.Suspend() && resumed ? 1 : 0;
-  });
   for (int round = 0; round < 50; ++round) {
-    resumed = false;
+    Gate begun;
+    std::atomic<bool> resumed{false};
+    Worker thread([&] {  // a new one, because a Resume that comes first stays in force
+      begun.Signal();
+      return thread.Suspend() && resumed ? 1 : 0;
+    });
     ASSERT_TRUE(thread.Start(0));
     begun.WaitForSignal();
     for (int i = 0; i < 100; ++i) std::this_thread::yield();  // time to go on too early
