@@ -8,6 +8,10 @@ namespace vexadx {
 
 constexpr int kSuccess = 0;
 constexpr int kFailed = 1;  // a plug-in let an exception out, or memory gave out; a plug-in may answer 1 itself
+constexpr int kNoSuchVariable = 10;     // no variable of this index, or no cell of it in the case
+constexpr int kOtherVariableType = 24;  // a number asked of a string variable, or a string of a numeric one
+constexpr int kNotANumericCell = 56;    // a number read from a string cell, or a string written where there is no cell
+constexpr int kNotAStringCell = 57;     // a string read from a numeric cell, or a number written to a string cell
 constexpr int kLibraryNotLoaded = 99114;    // the plug-in library could not be loaded, or lacks a mandatory entry point
 constexpr int kNotInitialized = 99115;      // the engine has not been initialised, or its initialisation failed
 constexpr int kThreadNotStarted = 99116;    // the thread of a run could not be started

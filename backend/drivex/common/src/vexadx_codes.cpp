@@ -6,6 +6,13 @@ const char* ResultText(int code) {
   switch (code) {
     case kSuccess:
       return "success";
+    case kNoSuchVariable:
+      return "there is no variable of this index, or it has no cell in the case";
+    case kOtherVariableType:
+      return "the variable is of the other type";
+    case kNotANumericCell:
+    case kNotAStringCell:
+      return "a data-step cell was read or written as the wrong type";
     case kLibraryNotLoaded:
       return "the plug-in library could not be loaded, or an entry point it must export is missing";
     case kNotInitialized:
