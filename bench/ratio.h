@@ -16,11 +16,11 @@ constexpr int kRounds = 300;
 constexpr int kCallsARound = 500;
 
 template <typename Call>
-double nanosecondsPerCall(Call call) {
+double nanosecondsPerCall(Call call, int calls = kCallsARound) {
   const auto start = std::chrono::steady_clock::now();
-  for (int i = 0; i < kCallsARound; ++i) call();
+  for (int i = 0; i < calls; ++i) call();
   const std::chrono::duration<double, std::nano> elapsed = std::chrono::steady_clock::now() - start;
-  return elapsed.count() / kCallsARound;
+  return elapsed.count() / calls;
 }
 
 inline double median(std::vector<double> values) {
@@ -44,11 +44,11 @@ struct Pair {
 };
 
 template <typename Call, typename Limit>
-Pair measure(benchmark::State& state, Call call, Limit limit) {
+Pair measure(benchmark::State& state, Call call, Limit limit, int calls = kCallsARound) {
   Pair pair;
   for ([[maybe_unused]] auto _ : state) {
-    pair.limit.push_back(nanosecondsPerCall(limit));
-    pair.call.push_back(nanosecondsPerCall(call));
+    pair.limit.push_back(nanosecondsPerCall(limit, calls));
+    pair.call.push_back(nanosecondsPerCall(call, calls));
     state.SetIterationTime(pair.call.back() * 1e-9);
   }
   state.counters["call_ns"] = pair.Call();
