@@ -92,6 +92,8 @@ TEST(Cursor, KnowsMissingStrings) {
     const VarInfo info{c.width, cell("NA"), cell("NB"), cell("NC"), c.kind};
     EXPECT_EQ(c.status, cursor.IsMissing(&info, c.value.data())) << "kind " << c.kind << " width " << c.width;
   }
+  const OBS value = cell("NA");
+  for (const int cells : {1, 0, -1}) EXPECT_TRUE(MissingStringMatch(&value, &value, cells)) << cells;
 }
 
 TEST(Cursor, StepsThroughChunks) {
@@ -121,10 +123,18 @@ TEST(Cursor, StepsThroughChunks) {
       EXPECT_EQ(status < 2 ? 0 : end, cursor.NextCase());
     }
     EXPECT_FALSE(cursor.HasData());
+    double none = 0;
+    int missing = 0;
+    EXPECT_EQ(10, cursor.GetNumericValue(0, none, missing));
     EXPECT_EQ(1900, cursor.NextCase());
   }
   cursor.SetCasePtr(cursor.m_caseBuf, 16);  // its own copy
   EXPECT_EQ(0, cursor.m_caseIndex);
+  for (const int size : {16, 48, 8, 0, 4096, 24}) {  // into the same memory or other
+    const std::string chunk(static_cast<std::size_t>(size), 'c');
+    cursor.SetCasePtr(chunk.data(), size);
+    EXPECT_EQ(0, std::memcmp(chunk.data(), cursor.m_caseBuf, chunk.size())) << size;
+  }
   cursor.SetCasePtr(nullptr, 48);
   EXPECT_EQ(-1, cursor.m_caseIndex);
 }

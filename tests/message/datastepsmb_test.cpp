@@ -74,6 +74,7 @@ TEST(DatastepCase, IsReadAndWrittenByCell) {
   for (const auto& [text, written] : texts) {
     EXPECT_EQ(0, data.SetCCellValue(1, text));
     EXPECT_EQ(written, std::string(data.m_caseBuf[1].bytes, 16));
+    EXPECT_EQ(std::string(8, '\0'), std::string(data.m_caseBuf[3].bytes, 8)) << "more than its cells";
   }
   EXPECT_EQ(0, data.SetCCellValue(2, "fiveplus"));
   EXPECT_EQ("five", std::string(std::unique_ptr<char[]>(data.GetCCellValue(2, code)).get()).substr(0, 4));
