@@ -134,6 +134,10 @@ void CleXDSmb::parseWellFormed(const char* message) {
   const int errorCode = reader.Int();
 
   const auto append = [&reader](auto& item) {
+    if (wireformat::Load<int>(reader.Position()) == 0) {  // as most lists are
+      (void)reader.Skip(kIntLen);
+      return;
+    }
     int itemLength = 0;
     item.ParseData(reader.Position(), itemLength);
     (void)reader.Skip(static_cast<std::size_t>(itemLength));
