@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstring>
@@ -81,6 +82,9 @@ TEST(Cursor, KnowsMissingStrings) {
       {1, 2, {cell("NB")}, 0},
       {2, 8, {cell("NB")}, 1},
       {2, 8, {cell("NC")}, 0},
+      {2, 8, {cell("NA")}, 1},
+      {3, 8, {cell("NA")}, 1},
+      {3, 8, {cell("NB")}, 1},
       {3, 20, {cell("NC"), cell(""), cell("")}, 1},
       {3, 20, {cell("NC"), cell(""), cell("x")}, 0},
       {-2, 2, {cell("NB")}, 0},
@@ -103,6 +107,7 @@ TEST(Cursor, StepsThroughChunks) {
   EXPECT_EQ(1900, cursor.NextCase());
   cursor.m_caseSize = 16;
   cursor.m_obsIndex = {1};
+  EXPECT_EQ(1u, cursor.OBSIndex(0));
   cursor.m_varInfo = {&number};
   const struct {
     int endCode;
@@ -134,6 +139,9 @@ TEST(Cursor, StepsThroughChunks) {
     const std::string chunk(static_cast<std::size_t>(size), 'c');
     cursor.SetCasePtr(chunk.data(), size);
     EXPECT_EQ(0, std::memcmp(chunk.data(), cursor.m_caseBuf, chunk.size())) << size;
+    double value = 0;
+    int missing = 0;
+    EXPECT_EQ(size < 16 ? 10 : 0, cursor.GetNumericValue(0, value, missing)) << "not what lay there before";
   }
   cursor.SetCasePtr(nullptr, 48);
   EXPECT_EQ(-1, cursor.m_caseIndex);
@@ -143,7 +151,8 @@ TEST(Cursor, AnswersStringsOfAnyWidth) {
   for (const int width : {1, 7, 8, 9, 255, 32767}) {
     std::vector<OBS> cells(static_cast<std::size_t>(ObsLength(width)), BlankObs());
     std::memset(cells.data(), 'x', static_cast<std::size_t>(width));
-    VarInfo info{width, {}, {}, {}, 0};
+    VarInfo info{width, BlankObs(), {}, {}, 1};
+    std::memset(info.missVal1.bytes, 'x', static_cast<std::size_t>(std::min(width, 8)));
     CursorDataSmb cursor;
     cursor.m_caseSize = static_cast<int>(cells.size() * sizeof(OBS));
     cursor.m_caseCount = 1;
@@ -155,7 +164,8 @@ TEST(Cursor, AnswersStringsOfAnyWidth) {
     int status = -1;
     ASSERT_EQ(0, cursor.GetStringValue(0, text, 0, status));
     EXPECT_EQ(std::string(static_cast<std::size_t>(width), 'x') + '\0', buffer);
-    EXPECT_EQ(0, status);
+    EXPECT_EQ(width <= 8 ? 1 : 0, status);
+    EXPECT_EQ(0u, cursor.OBSIndex(0));
 
     cells[0].bytes[0] = '\0';  // behind it all is zero
     cursor.SetCasePtr(cells.data(), cursor.m_caseSize);

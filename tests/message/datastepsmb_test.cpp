@@ -43,6 +43,12 @@ TEST(DatastepBlock, AnswersCellsByRowAndColumn) {
       EXPECT_EQ(10, code);
     }
   }
+  LongData fewer;
+  fewer.SetValue(1);
+  block.SetLongArray(std::vector<LongData>{fewer});
+  block.SetrowInfo(0, code);
+  EXPECT_EQ(0.0, block.GetNCellValue(nullptr, 1, 2, cellCode, code)) << "no integer for it";
+  EXPECT_EQ(10, code);
   block.SetrowInfo(5, code);
   EXPECT_EQ(0.0, block.GetNCellValue(nullptr, LONG_MIN, 0, cellCode, code));
   EXPECT_EQ(10, code);
@@ -124,6 +130,7 @@ TEST(DatastepCase, FollowsItsVariables) {
   data.EraseVarType(1);
   EXPECT_EQ(280 - 24, data.m_caseSize);
   EXPECT_EQ((std::vector<int>{0, 255}), data.m_varTypes);
+  EXPECT_EQ((std::vector<int>{1, 32}), data.m_obsCount);
 
   const std::vector<OBS> cells(2, AsOBS(7));
   data.SetCaseValue(cells.data(), 16);
@@ -134,6 +141,15 @@ TEST(DatastepCase, FollowsItsVariables) {
   EXPECT_EQ(0, std::memcmp(cells.data(), data.GetCaseValue(size), 13));
   data.EraseVarType(1);  // would leave less than nothing
   EXPECT_EQ(13, data.m_caseSize);
+  for (const int position : {2, 1}) data.m_varTypes.insert(data.m_varTypes.begin(), position);  // lists that differ
+  data.InsertVarType(3, 8);
+  data.m_caseSize = 4096;
+  data.m_obsOffset = {300};
+  EXPECT_EQ(10, data.SetCCellValue(0, "x")) << "not in the case that there is";
+  data.m_caseSize = 13;
+  data.SetOneCaseSize(16);
+  EXPECT_EQ(std::string(16, '\0'), std::string(data.m_caseBuf[0].bytes, 16)) << "a new case";
+  data.SetOneCaseSize(13);
   data.SetOneCaseSize(-8);
   data.SetCaseValue(nullptr, 8);
   EXPECT_EQ(13, data.m_caseSize);

@@ -1,5 +1,5 @@
-"""The wire format of a message, written from its description alone: a block, its encoding, and a decoder that takes
-nothing on trust."""
+"""A second implementation of the wire format of a message, independent of the library's: a block, its encoding, and a
+decoder that takes nothing on trust."""
 
 import dataclasses
 import struct

@@ -64,7 +64,8 @@ class VEXADX_API CursorDataSmb {
   CursorDataSmb& SetCasePtr(const void* data, int size);
 
   // Goes to the next case: 0. Behind the last one, or the last whole one of a chunk that is too short, it answers
-  // m_endCode, or NO_CACHE_DATA when that is 0, and forgets the number of cases and the end code.
+  // m_endCode, or NO_CACHE_DATA when that is 0, and forgets the number of cases and the end code; there
+  // is no current case then.
   VEXADX_API int NextCase();
 
   // Whether the chunk has cases.
@@ -78,8 +79,8 @@ class VEXADX_API CursorDataSmb {
 
   // The value of a variable in the current case and its status as IsMissing answers it. Answers 0;
   // vexadx::kNoSuchVariable (10) for an index that is not below the number of variables, or when its cells do not
-  // lie in the chunk; vexadx::kOtherVariableType (24) for a variable of the other type. Only success changes
-  // anything.
+  // lie in the chunk or there is no current case; vexadx::kOtherVariableType (24) for a variable of the other type.
+  // Only success changes anything.
   VEXADX_API int GetNumericValue(unsigned int variable, double& value, int& status);
 
   // The same for a string: copies its bytes up to a zero byte and fills up with zero bytes, as many as the variable

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "clexdsmb.h"
@@ -35,9 +36,10 @@ class VEXADX_API DatastepSmb : public CleXDSmb {
 // One case of a new data set, and the types of its variables: 0 for a number, else the bytes of a string. One thread at
 // a time.
 //
-// Its user sets m_obsOffset. What lies outside the lists or the case is answered with vexadx::kNoSuchVariable (10), and
-// a variable of the wrong type with vexadx::kNotANumericCell (56) or vexadx::kNotAStringCell (57); nothing changes
-// then.
+// Its user sets m_obsOffset. What lies outside the lists or the case is answered with vexadx::kNoSuchVariable (10).
+// vexadx::kNotANumericCell (56) is for a number read from a string and a string written to a variable without cells,
+// vexadx::kNotAStringCell (57) for a string read from a number and a number written to a string. Nothing changes then,
+// nor when memory gives out, which throws std::bad_alloc.
 class VEXADX_API DatastepDataSmb {
  public:
   DatastepDataSmb();
@@ -88,6 +90,10 @@ class VEXADX_API DatastepDataSmb {
  private:
   VEXADX_HIDDEN char* cellsOf(unsigned int variable, std::int64_t bytes);
   VEXADX_HIDDEN int findNumber(unsigned int variable, int wrongType, char*& cell);
+  VEXADX_HIDDEN void holdCase(std::unique_ptr<OBS[]> cells, int size);
+  VEXADX_HIDDEN void reserveOneMore();
   VEXADX_HIDDEN void resizeBy(int cells);
   VEXADX_HIDDEN bool has(int position) const;
+
+  int m_heldBytes;  // of whole cells in m_caseBuf, whatever m_caseSize is set to
 };

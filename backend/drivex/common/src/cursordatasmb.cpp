@@ -116,7 +116,8 @@ int CursorDataSmb::GetStringValue(unsigned int variable, char*& text, int, int& 
   if (info.varType == 0) return vexadx::kOtherVariableType;
   if (!holds(variable, ObsLength(info.varType))) return vexadx::kNoSuchVariable;
   const OBS* const cells = m_curCase + m_obsIndex[variable];
-  if (info.varType > 0) std::strncpy(text, cells->bytes, static_cast<std::size_t>(info.varType));
+  if (info.varType > 0)
+    std::strncpy(text, reinterpret_cast<const char*>(cells), static_cast<std::size_t>(info.varType));
   status = statusOfString(info, cells);
   return vexadx::kSuccess;
 }

@@ -24,6 +24,11 @@ char* copyOf(const char* bytes, std::size_t length) {
   return copy;
 }
 
+// All zero; a size that is no multiple of a cell still gets room for all its bytes.
+std::unique_ptr<OBS[]> newCase(int size) {
+  return std::make_unique<OBS[]>((static_cast<std::size_t>(size) + kCellLen - 1) / kCellLen);
+}
+
 }  // namespace
 
 DatastepSmb::DatastepSmb() : m_varCount(0), m_firstRow(-1) {}
@@ -75,26 +80,27 @@ char* DatastepSmb::GetCCellValue(const char*, long row, int column, int& cellCod
   return copy;
 }
 
-DatastepDataSmb::DatastepDataSmb() : m_caseSize(0), m_caseBuf(nullptr) {}
+DatastepDataSmb::DatastepDataSmb() : m_caseSize(0), m_caseBuf(nullptr), m_heldBytes(0) {}
 
 DatastepDataSmb::~DatastepDataSmb() { delete[] m_caseBuf; }
 
 void DatastepDataSmb::SetOneCaseSize(int size) {
-  if (size < 0) return;
-  auto cells = std::make_unique<OBS[]>(static_cast<std::size_t>(size / kCellLen));
-  delete[] std::exchange(m_caseBuf, cells.release());
-  m_caseSize = size;
+  if (size >= 0) holdCase(newCase(size), size);
 }
 
-// A size that is no multiple of a cell still gets room for all its bytes. Copied before the old case goes: it may be
-// the one that is set.
+// Copied before the old case goes: it may be the one that is set.
 DatastepDataSmb& DatastepDataSmb::SetCaseValue(const void* data, int size) {
   if (!data || size < 0) return *this;
-  auto cells = std::make_unique<OBS[]>((static_cast<std::size_t>(size) + kCellLen - 1) / kCellLen);
+  auto cells = newCase(size);
   if (size > 0) std::memcpy(cells.get(), data, static_cast<std::size_t>(size));
+  holdCase(std::move(cells), size);
+  return *this;
+}
+
+void DatastepDataSmb::holdCase(std::unique_ptr<OBS[]> cells, int size) {
   delete[] std::exchange(m_caseBuf, cells.release());
   m_caseSize = size;
-  return *this;
+  m_heldBytes = size / kCellLen * kCellLen;
 }
 
 OBS* DatastepDataSmb::GetCaseValue(int& size) {
@@ -106,8 +112,7 @@ OBS* DatastepDataSmb::GetCaseValue(int& size) {
 char* DatastepDataSmb::cellsOf(unsigned int variable, std::int64_t bytes) {
   if (variable >= m_obsOffset.size() || m_obsOffset[variable] < 0 || !m_caseBuf) return nullptr;
   const std::int64_t first = std::int64_t{m_obsOffset[variable]} * kCellLen;
-  const int wholeCells = m_caseSize / kCellLen * kCellLen;
-  return first + bytes <= wholeCells ? reinterpret_cast<char*>(m_caseBuf) + first : nullptr;
+  return first + bytes <= m_heldBytes ? reinterpret_cast<char*>(m_caseBuf) + first : nullptr;
 }
 
 // Finds the cell of a number; 0 or a code, `wrongType` for a string.
@@ -175,33 +180,39 @@ void DatastepDataSmb::GetVarInfo(int** types, int& count) {
 }
 
 void DatastepDataSmb::AddVarType(int type) {
+  reserveOneMore();
   m_varTypes.push_back(type);
   m_obsCount.push_back(ObsLength(type));
 }
 
+// What may fail for want of memory comes before the first change.
+void DatastepDataSmb::reserveOneMore() {
+  m_varTypes.reserve(m_varTypes.size() + 1);
+  m_obsCount.reserve(m_obsCount.size() + 1);
+}
+
 void DatastepDataSmb::InsertVarType(int position, int type) {
-  const bool atEnd = position >= 0 && static_cast<std::size_t>(position) == m_varTypes.size();
-  if (!atEnd && !has(position)) return;
+  const auto most = static_cast<std::int64_t>(std::min(m_varTypes.size(), m_obsCount.size()));
+  if (position < 0 || position > most) return;
+  reserveOneMore();
+  resizeBy(ObsLength(type));
   m_varTypes.insert(m_varTypes.begin() + position, type);
   m_obsCount.insert(m_obsCount.begin() + position, ObsLength(type));
-  resizeBy(ObsLength(type));
 }
 
 void DatastepDataSmb::EraseVarType(int position) {
   if (!has(position)) return;
-  const int cells = ObsLength(m_varTypes[static_cast<std::size_t>(position)]);
+  resizeBy(-ObsLength(m_varTypes[static_cast<std::size_t>(position)]));
   m_varTypes.erase(m_varTypes.begin() + position);
   m_obsCount.erase(m_obsCount.begin() + position);
-  resizeBy(-cells);
 }
 
 void DatastepDataSmb::UpdateVarType(int position, int type) {
   if (!has(position)) return;
   const auto index = static_cast<std::size_t>(position);
-  const int cells = ObsLength(m_varTypes[index]);
+  resizeBy(ObsLength(type) - ObsLength(m_varTypes[index]));
   m_varTypes[index] = type;
   m_obsCount[index] = ObsLength(type);
-  resizeBy(ObsLength(type) - cells);
 }
 
 // A size that no case can have changes nothing.
