@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <string>
 
@@ -103,6 +105,37 @@ TEST(MessageBlock, ParsesBehindWhatItHas) {
     EXPECT_EQ(0, std::memcmp("seven", block.GetVoidData(length), 5));
     EXPECT_EQ(5, length);
   }
+}
+
+TEST(MessageBlock, ReplacesWhatItIsToldToReplace) {
+  CleXDSmb block;
+  for (int time = 0; time < 2; ++time) {
+    block.SetLongArray(std::vector<LongData>(2));
+    block.SetDoubleArray(std::vector<DoubleData>(2));
+    block.SetStringArray(std::vector<StringData>(2));
+    block.SetStruct(std::vector<dataSet>(2));
+    block.SetSingleString("one");
+  }
+  EXPECT_EQ(2u, block.GetLongArray().size());
+  EXPECT_EQ(2u, block.GetDoubleArray().size());
+  EXPECT_EQ(2u, block.GetStringArray().size());
+  EXPECT_EQ(2, block.GetStructData().Size());
+  EXPECT_EQ(1, block.GetStringData().Size());
+
+  int length = -1;
+  for (const int wrong : {-5, 0}) {
+    block.SetVoidData(std::malloc(4), wrong);
+    block.SaveDataIntoVoidData("abc", 3);
+    EXPECT_EQ(0, std::memcmp("abc", block.GetVoidData(length), 3));
+    EXPECT_EQ(3, length);
+  }
+  CleXDSmb none;
+  block.ParseBuf(messageOf(none).data());
+  (void)block.GetVoidData(length);
+  EXPECT_EQ(0, length);
+  block.SetVoidData(nullptr, 100);
+  EXPECT_EQ(nullptr, block.GetVoidData(length));
+  EXPECT_EQ(0, length);
 }
 
 TEST(MessageBlock, IsUnchangedByWhatIsNoMessage) {

@@ -43,7 +43,7 @@ class VEXADX_API CleXDSmb {
   int ContructSendData();  // exported spelling: the host links against it
 
   // The message last built and its length in bytes, valid until the next ContructSendData or CleanUp. After a parse the
-  // length is that of the message parsed.
+  // length is that of the message parsed, and no longer that of what was built: build before sending.
   char* GetSendBuf(int& length);
 
   // Fills the block from a message: lists are appended to those the block has, everything else is replaced. Answers 0.
@@ -90,10 +90,13 @@ class VEXADX_API CleXDSmb {
   void SetStruct(dataSet value);
   StructData GetStructData();
 
-  // The binary payload. Asking for it hands the array over: it is the caller's to release with delete[], and the block
-  // only forgets it, when it is set or parsed anew, cleaned up or destroyed. Until then it still is what the block
-  // sends. An array that nobody asked for is the block's. One that was parsed has a zero byte behind it, and its length
-  // is not kept: it is read as a zero-terminated string, and not sent again.
+  // The binary payload. Asking for it hands the array over, once however often it is asked for: it is the caller's to
+  // release with delete[], and the block only forgets it, when it is set or parsed anew, cleaned up or destroyed.
+  // REQUIRES: released after that, because until then it is what the block sends. An array that nobody asked for is the
+  // block's.
+  //
+  // One that was parsed has a zero byte behind it, and its length is not kept: it is read as a zero-terminated string.
+  // Of it a later message has as many bytes as the length last set, none when there is no such length.
   void SetBinaryString(const char* bytes, int length);
   char* GetBinaryData();
 
@@ -120,6 +123,8 @@ class VEXADX_API CleXDSmb {
   CleXDSmb& SaveDataIntoVoidData(const void* bytes, int length);
 
  private:
+  friend struct MessageParser;
+
   VEXADX_HIDDEN bool parse(std::span<const char> message);
   VEXADX_HIDDEN void parseWellFormed(const char* message);
   VEXADX_HIDDEN void holdBinary(char* bytes, std::size_t length);

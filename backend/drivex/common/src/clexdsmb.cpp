@@ -1,6 +1,7 @@
 #include "clexdsmb.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
@@ -9,12 +10,24 @@
 #include <new>
 #include <utility>
 
+#include "messagememory.h"
 #include "wireformat.h"
 
 using wireformat::kIntLen;
 using wireformat::kWideCharLen;
 
 static_assert(CleXDSmb::LONG_LEN == kIntLen);
+
+namespace {
+
+// As a whole or not at all, should memory give out.
+template <typename Lists>
+void replace(Lists& lists, const Lists& by) {
+  Lists copy = by;
+  lists = std::move(copy);
+}
+
+}  // namespace
 
 CleXDSmb::CleXDSmb()
     : m_sendBuf(nullptr),
@@ -30,7 +43,7 @@ CleXDSmb::CleXDSmb()
       m_binaryData(nullptr) {}
 
 CleXDSmb::~CleXDSmb() {
-  std::free(m_sendBuf);
+  messagememory::Release(m_sendBuf);
   std::free(m_voidData);
   delete[] m_wString;
   holdBinary(nullptr, 0);
@@ -45,10 +58,8 @@ void CleXDSmb::SetErrorCode(int code) { m_errorCode = code; }
 int CleXDSmb::GetErrorCode() { return m_errorCode; }
 
 int CleXDSmb::ContructSendData() {
-  std::free(std::exchange(m_sendBuf, nullptr));
+  messagememory::Release(std::exchange(m_sendBuf, nullptr));
   m_sendLen = 0;
-  if (!m_voidData || m_voidLen < 0) m_voidLen = 0;
-
   const auto bytesOf = [](const auto& lists) {
     std::size_t bytes = kIntLen;
     for (const auto& list : lists) bytes += list.bytes();
@@ -62,7 +73,7 @@ int CleXDSmb::ContructSendData() {
                              bytesOf(m_stringArray) + kIntLen + binaryLen + kIntLen + wideCount * kWideCharLen +
                              kIntLen + voidLen;
   if (length > wireformat::kLongestMessage) return 0;
-  m_sendBuf = static_cast<char*>(std::malloc(length));
+  m_sendBuf = messagememory::Allocate(length);
   if (!m_sendBuf) return 0;
   m_sendLen = static_cast<int>(length);
 
@@ -144,7 +155,7 @@ void CleXDSmb::parseWellFormed(const char* message) {
   };
   const auto appendAll = [&reader, append](auto& lists) {
     const std::size_t count = reader.Count();
-    lists.reserve(lists.size() + count);
+    wireformat::GrowBy(lists, count);
     for (std::size_t i = 0; i < count; ++i) append(lists.emplace_back());
   };
   append(m_longData);
@@ -186,7 +197,7 @@ void CleXDSmb::parseWellFormed(const char* message) {
 }
 
 void CleXDSmb::CleanUp() {
-  std::free(std::exchange(m_sendBuf, nullptr));
+  messagememory::Release(std::exchange(m_sendBuf, nullptr));
   m_sendLen = 0;
   delete[] std::exchange(m_wString, nullptr);
   CleanUpAllData();
@@ -294,7 +305,7 @@ std::size_t CleXDSmb::binaryBytesToSend() const {
 
 void CleXDSmb::SetLongArray(const LongData& list) { m_longArray.push_back(list); }
 
-void CleXDSmb::SetLongArray(const std::vector<LongData>& lists) { m_longArray = lists; }
+void CleXDSmb::SetLongArray(const std::vector<LongData>& lists) { replace(m_longArray, lists); }
 
 std::vector<LongData> CleXDSmb::GetLongArray() { return m_longArray; }
 
@@ -302,7 +313,7 @@ std::vector<LongData>& CleXDSmb::GetLongArrayRef() { return m_longArray; }
 
 void CleXDSmb::SetDoubleArray(const DoubleData& list) { m_doubleArray.push_back(list); }
 
-void CleXDSmb::SetDoubleArray(const std::vector<DoubleData>& lists) { m_doubleArray = lists; }
+void CleXDSmb::SetDoubleArray(const std::vector<DoubleData>& lists) { replace(m_doubleArray, lists); }
 
 std::vector<DoubleData> CleXDSmb::GetDoubleArray() { return m_doubleArray; }
 
@@ -310,7 +321,7 @@ std::vector<DoubleData>& CleXDSmb::GetDoubleArrayRef() { return m_doubleArray; }
 
 void CleXDSmb::SetStringArray(const StringData& list) { m_stringArray.push_back(list); }
 
-void CleXDSmb::SetStringArray(const std::vector<StringData>& lists) { m_stringArray = lists; }
+void CleXDSmb::SetStringArray(const std::vector<StringData>& lists) { replace(m_stringArray, lists); }
 
 std::vector<StringData> CleXDSmb::GetStringArray() { return m_stringArray; }
 
@@ -319,7 +330,7 @@ std::vector<StringData>& CleXDSmb::GetStringArrayRef() { return m_stringArray; }
 void CleXDSmb::SetVoidData(void* block, int length) {
   void* const old = std::exchange(m_voidData, block);
   if (old != block) std::free(old);
-  m_voidLen = length;
+  m_voidLen = block ? std::max(length, 0) : 0;
 }
 
 void* CleXDSmb::GetVoidData(int& length) {
@@ -333,7 +344,7 @@ void* CleXDSmb::AllocVoidData(int size) {
 }
 
 CleXDSmb& CleXDSmb::SaveDataIntoVoidData(const void* bytes, int length) {
-  if (m_voidData && bytes && length > 0) {
+  if (m_voidData && bytes && length > 0 && length <= INT_MAX - m_voidLen) {
     std::memcpy(static_cast<char*>(m_voidData) + m_voidLen, bytes, static_cast<std::size_t>(length));
     m_voidLen += length;
   }

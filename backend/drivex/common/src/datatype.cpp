@@ -62,12 +62,6 @@ wireformat::Writer writeList(wireformat::Writer writer, const std::vector<Value>
   return writer;
 }
 
-template <typename Value>
-void growBy(std::vector<Value>& values, std::size_t count) {
-  const std::size_t needed = values.size() + count;
-  if (needed > values.capacity()) values.reserve(std::max(needed, 2 * values.capacity()));
-}
-
 void readString(wireformat::Reader& reader, std::string& value) {
   const std::size_t length = reader.Count();
   value.assign(reader.Skip(length), length);
@@ -86,7 +80,7 @@ std::size_t readList(const char* data, std::vector<Number>& values) {
 std::size_t readList(const char* data, std::vector<std::string>& values) {
   wireformat::Reader reader(data);
   const std::size_t count = reader.Count();
-  growBy(values, count);
+  wireformat::GrowBy(values, count);
   for (std::size_t i = 0; i < count; ++i) {
     const std::size_t length = reader.Count();
     values.emplace_back(reader.Skip(length), length);
@@ -97,7 +91,7 @@ std::size_t readList(const char* data, std::vector<std::string>& values) {
 std::size_t readList(const char* data, std::vector<dataSet>& values) {
   wireformat::Reader reader(data);
   const std::size_t count = reader.Count();
-  growBy(values, count);
+  wireformat::GrowBy(values, count);
   for (std::size_t i = 0; i < count; ++i) {
     dataSet& value = values.emplace_back();
     readString(reader, value.m_name);
@@ -141,7 +135,8 @@ char* construct(std::unique_ptr<char, FreeMemory>& buffer, const std::vector<Val
   Item::Item(Item&& other) noexcept = default;                                                              \
   Item::~Item() = default;                                                                                  \
   Item& Item::operator=(const Item& other) {                                                                \
-    m_values = other.m_values;                                                                              \
+    std::vector<Value> copy = other.m_values;                                                               \
+    m_values = std::move(copy);                                                                             \
     m_length = other.m_length;                                                                              \
     return *this;                                                                                           \
   }                                                                                                         \

@@ -9,15 +9,20 @@
 
 // How the library's own operations trace: while tracing is off nothing is composed, not even the text of a literal.
 
-inline void TraceLine(std::initializer_list<std::string_view> pieces) {
-  if (!GetDxTracer()) return;
+inline std::string Joined(std::initializer_list<std::string_view> pieces) {
   std::string text;
   for (const std::string_view piece : pieces) text += piece;
-  DxTrace(text);
+  return text;
+}
+
+inline void TraceLine(std::initializer_list<std::string_view> pieces) {
+  if (GetDxTracer()) DxTrace(Joined(pieces));
 }
 
 inline void TraceLine(std::string_view text) { TraceLine({text}); }
 
-inline void TraceCode(std::string_view text, int code) {
-  if (GetDxTracer()) DxTraceError(std::string(text), code);
+inline void TraceCode(std::initializer_list<std::string_view> pieces, int code) {
+  if (GetDxTracer()) DxTraceError(Joined(pieces), code);
 }
+
+inline void TraceCode(std::string_view text, int code) { TraceCode({text}, code); }

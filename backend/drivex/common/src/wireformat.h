@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <climits>
 #include <cstddef>
 #include <cstring>
@@ -45,11 +46,18 @@ void LoadRun(std::span<Value> values, const char* bytes) {
   }
 }
 
-// In one copy for the same reason. The bytes are nowhere aligned as numbers; they are only copied, never read as such.
-// Making room for all the numbers first would touch it twice.
+// Makes room for more values without making repeated growth slow.
+template <typename Value>
+void GrowBy(std::vector<Value>& values, std::size_t count) {
+  const std::size_t needed = values.size() + count;
+  if (needed > values.capacity()) values.reserve(std::max(needed, 2 * values.capacity()));
+}
+
+// In one copy for the same reason. The bytes are nowhere aligned as numbers: several are copied as bytes, but a
+// standard library may read a single one as what it is. Making room for all the numbers first would touch it twice.
 template <typename Value>
 void AppendRun(std::vector<Value>& values, const char* bytes, std::size_t count) {
-  if constexpr (vexadx::kNativeByteOrder) {
+  if (vexadx::kNativeByteOrder && count > 1) {
     const auto* const numbers = reinterpret_cast<const Value*>(bytes);
     values.insert(values.end(), numbers, numbers + count);
   } else {

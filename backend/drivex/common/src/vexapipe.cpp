@@ -1,0 +1,181 @@
+#include "vexapipe.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "brokenpipeguard.h"
+#include "cancellationguard.h"
+#include "dxtraceline.h"
+#include "dxutils.h"
+#include "vexadx_codes.h"
+
+using vexadx::kPipeFailed;
+using vexadx::kSuccess;
+
+namespace {
+
+constexpr mode_t kEverybody = 0777;
+constexpr std::size_t kPiece = 8192;
+constexpr int kAttempts = 11;
+constexpr int kAttemptMs = 1000;
+
+// Another kind of file in a FIFO's place is nobody's end: nothing is written to it.
+bool isFifo(int descriptor) {
+  struct stat status;
+  return ::fstat(descriptor, &status) == 0 && S_ISFIFO(status.st_mode);
+}
+
+// How many bytes were written, or -1.
+ssize_t writeOnce(int descriptor, const char* bytes, std::size_t length) {
+  BrokenPipeGuard guard;
+  ssize_t written;
+  do {
+    written = ::write(descriptor, bytes, length);
+  } while (written == -1 && errno == EINTR);
+  if (written == -1 && errno == EPIPE) guard.NoteBrokenPipe();
+  return written;
+}
+
+}  // namespace
+
+VexaPipe::VexaPipe() : VexaPipe(std::string()) {}
+
+VexaPipe::VexaPipe(std::string name)
+    : m_pipe(-1), m_pipeName(std::move(name)), m_writeConnected(false), m_pipeCreated(false) {}
+
+VexaPipe::~VexaPipe() {
+  const CancellationGuard noCancellation;
+  if (HasPipe()) (void)ClosePipe();
+  (void)::unlink(m_pipeName.c_str());
+}
+
+void VexaPipe::SetPipeName(std::string name) { m_pipeName = std::move(name); }
+
+std::string VexaPipe::GetPipeName() { return m_pipeName; }
+
+const char* VexaPipe::GetPipeName(int& length) {
+  length = static_cast<int>(m_pipeName.size());
+  return m_pipeName.c_str();
+}
+
+int VexaPipe::CreatePipe() {
+  if (m_pipeName.empty()) return vexadx::kPipeUnnamed;
+  if (::access(m_pipeName.c_str(), F_OK) == 0) return kSuccess;
+  if (::mkfifo(m_pipeName.c_str(), kEverybody) != 0) {
+    const int error = errno;
+    TraceCode({m_pipeName, " CreateNamedPipe"}, error);
+    errno = error;
+    return kPipeFailed;
+  }
+  m_pipeCreated = true;
+  return kSuccess;
+}
+
+// The old descriptor is closed after the new one exists, so that the other end never sees the pipe without this one.
+int VexaPipe::openWith(int mode) {
+  int descriptor;
+  do {
+    descriptor = ::open(m_pipeName.c_str(), mode | O_CLOEXEC | O_NOFOLLOW);
+  } while (descriptor == -1 && errno == EINTR);
+  if (descriptor != -1 && !isFifo(descriptor)) {
+    ::close(std::exchange(descriptor, -1));
+    errno = EINVAL;
+  }
+  const int error = errno;
+  const int old = std::exchange(m_pipe, descriptor);
+  if (old != -1) ::close(old);
+  errno = error;
+  if (descriptor == -1) return kPipeFailed;
+#ifdef F_SETNOSIGPIPE
+  ::fcntl(descriptor, F_SETNOSIGPIPE, 1);  // the signal goes to the process there: a thread's mask is no help
+#endif
+  return kSuccess;
+}
+
+int VexaPipe::openToWrite(int mode, const char* operation) {
+  m_writeConnected = false;
+  if (const int code = openWith(O_WRONLY | mode); code != kSuccess) {
+    const int error = errno;
+    TraceCode({m_pipeName, operation}, error);
+    errno = error;
+    return code;
+  }
+  m_writeConnected = true;
+  return kSuccess;
+}
+
+int VexaPipe::OpenPipeToWrite() { return openToWrite(0, " OpenPipeToWrite"); }
+
+int VexaPipe::OpenPipeToUnBlockWrite() { return openToWrite(O_NONBLOCK, " OpenPipeToUnBlockWrite"); }
+
+int VexaPipe::openToRead(int mode) { return HasPipe() ? kSuccess : openWith(O_RDONLY | mode); }
+
+int VexaPipe::OpenPipeToRead() { return openToRead(0); }
+
+int VexaPipe::OpenPipeToUnBlockRead() { return openToRead(O_NONBLOCK); }
+
+int VexaPipe::VEXACreateFile() { return openWith(O_WRONLY); }
+
+int VexaPipe::VEXACreateFileR() {
+  for (int attempt = 1;; ++attempt) {
+    const int code = openWith(O_RDONLY);
+    if (code == kSuccess || errno != ENOENT) return code;
+    msleep(kAttemptMs);
+    if (attempt == kAttempts) return code;
+  }
+}
+
+int VexaPipe::WriteData(const void* buffer, int length, unsigned long*) {
+  const auto* bytes = static_cast<const char*>(buffer);
+  std::size_t left = static_cast<std::size_t>(std::max(length, 0));
+  do {  // also nothing is written, once
+    const ssize_t written = writeOnce(m_pipe, bytes, std::min(left, kPiece));
+    if (written == -1) return kPipeFailed;
+    bytes += written;
+    left -= static_cast<std::size_t>(written);
+  } while (left > 0);
+  return kSuccess;
+}
+
+int VexaPipe::ReadData(int length, void* buffer, unsigned long& count) {
+  ssize_t got;
+  do {
+    got = ::read(m_pipe, buffer, static_cast<std::size_t>(std::max(length, 0)));
+  } while (got == -1 && errno == EINTR);
+  if (got == -1) return kPipeFailed;
+  count = static_cast<unsigned long>(got);
+  return kSuccess;
+}
+
+int VexaPipe::FlushPipe() {
+  (void)::fsync(m_pipe);
+  return kSuccess;
+}
+
+int VexaPipe::ClosePipe() {
+  if (!HasPipe()) return kSuccess;
+  const int result = ::close(std::exchange(m_pipe, -1)) == 0 ? 0 : errno;
+  m_writeConnected = false;
+  m_pipeCreated = false;
+  TraceCode({m_pipeName, " ClosePipe"}, result);
+  return result;
+}
+
+bool VexaPipe::HasPipe() { return m_pipe != -1; }
+
+bool VexaPipe::IsWritePipeConnected() { return m_writeConnected; }
+
+bool VexaPipe::IsPipeCreated() { return m_pipeCreated; }
+
+int VexaPipe::ConnectPipe() { return kSuccess; }
+
+int VexaPipe::DisconnectPipe() { return kSuccess; }
+
+int VexaPipe::ChangeReadMode() { return kSuccess; }
+
+int VexaPipe::ChangeToUnBlockMode() { return kSuccess; }

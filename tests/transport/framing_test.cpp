@@ -1,0 +1,231 @@
+#include "framing.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "clexdsmb.h"
+#include "javaextensionsmb.h"
+#include "javapluginsocket.h"
+#include "temphome.h"
+#include "vexadx_bytes.h"
+#include "vexapipe.h"
+#include "wireformat.h"
+
+namespace {
+
+std::string messageOf(CleXDSmb& block) {
+  int length = 0;
+  block.ContructSendData();
+  const char* const message = block.GetSendBuf(length);
+  return {message, static_cast<std::size_t>(length)};
+}
+
+std::string announcing(int length, std::string message) {
+  vexadx::Store(message.data(), length);
+  return message;
+}
+
+// A real channel, with the library at the one end and a script at the other, given a descriptor.
+class Channel {
+ public:
+  using Script = std::function<void(int)>;
+
+  virtual ~Channel() = default;
+  virtual int Receive(CleXDSmb& block, const Script& script) = 0;
+  virtual int Malformed() const = 0;
+};
+
+class PipeChannel : public Channel {
+ public:
+  int Receive(CleXDSmb& block, const Script& script) override {
+    VexaPipe pipe(m_dir.Path("pipe").string());
+    EXPECT_EQ(0, pipe.CreatePipe());
+    auto peer = std::async(std::launch::async, [&] {
+      const int descriptor = ::open(pipe.GetPipeName().c_str(), O_WRONLY | O_CLOEXEC);
+      script(descriptor);
+      ::close(descriptor);
+    });
+    const int code = ReceiveData(&pipe, block, true);
+    pipe.ClosePipe();
+    return code;
+  }
+  int Malformed() const override { return 99104; }
+
+ private:
+  TempDir m_dir;
+};
+
+class SocketChannel : public Channel {
+ public:
+  SocketChannel() { EXPECT_EQ(0, m_socket.CreateSocket()); }
+
+  int Receive(CleXDSmb& block, const Script& script) override {
+    auto peer = std::async(std::launch::async, [&] {
+      const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+      sockaddr_in address{};
+      address.sin_family = AF_INET;
+      address.sin_port = htons(static_cast<in_port_t>(m_socket.GetSocketPort()));
+      address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      EXPECT_EQ(0, ::connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address));
+      script(descriptor);
+      ::close(descriptor);
+    });
+    EXPECT_EQ(0, m_socket.AcceptSocket());
+    return ReceiveData(&m_socket, block);
+  }
+  int Malformed() const override { return 99122; }
+
+ private:
+  JavaPlugInSocket m_socket;
+};
+
+// Writes in pieces of this size. The receiver may have left: no signal then.
+Channel::Script writing(const std::string& bytes, std::size_t piece = 8192) {
+  return [bytes, piece](int descriptor) {
+    sigset_t set;
+    ::sigemptyset(&set);
+    ::sigaddset(&set, SIGPIPE);
+    ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    for (std::size_t at = 0; at < bytes.size(); at += piece) {
+      if (::write(descriptor, bytes.data() + at, std::min(piece, bytes.size() - at)) == -1) return;
+    }
+  };
+}
+
+template <typename ChannelType>
+class FramingTest : public ::testing::Test {
+ protected:
+  ChannelType m_channel;
+};
+
+using Channels = ::testing::Types<PipeChannel, SocketChannel>;
+TYPED_TEST_SUITE(FramingTest, Channels);
+
+}  // namespace
+
+TYPED_TEST(FramingTest, BringsMessagesOfAnySizeInAnyPieces) {
+  for (const int size : {0, 1, 8135, 8136, 8137, 20000, 1'000'000}) {
+    CleXDSmb sent;
+    sent.SetErrorCode(7);
+    if (size > 0) sent.SetString(std::string(static_cast<std::size_t>(size), 's'));
+    const std::string message = messageOf(sent);
+    for (const std::size_t piece : {1, 3, 4, 5, 8191, 8192, 8193}) {
+      if (piece < 100 && size > 20000) continue;
+      CleXDSmb block;
+      EXPECT_EQ(7, this->m_channel.Receive(block, writing(message, piece))) << "the message's own code";
+      EXPECT_EQ(message, messageOf(block)) << size << " in pieces of " << piece;
+    }
+  }
+}
+
+TYPED_TEST(FramingTest, TakesNothingOfWhatIsNoMessage) {
+  CleXDSmb sent;
+  sent.SetLong(7);
+  sent.SetString("ab");
+  sent.SetErrorCode(5);
+  const std::string message = messageOf(sent);
+  const int malformed = this->m_channel.Malformed();
+  struct Case {
+    std::string bytes;
+    int code;
+  };
+  std::vector<Case> cases = {{message + "x", malformed}, {message + message, malformed}};
+  for (std::size_t length = 0; length < message.size(); ++length) cases.push_back({message.substr(0, length), 99103});
+  for (const int length : {-2147483647 - 1, -1, 0, 3, 51}) cases.push_back({announcing(length, message), malformed});
+  cases.push_back({announcing(2147483647, message), 99103});
+  cases.push_back({announcing(static_cast<int>(message.size()) - 1, message), malformed});
+  cases.push_back({announcing(static_cast<int>(message.size()) + 1, message), 99103});
+  cases.push_back({announcing(static_cast<int>(message.size()) + 1, message + "x"), malformed});
+  for (std::size_t at = 4; at < message.size(); ++at) {
+    std::string wrong = message;
+    wrong[at] = static_cast<char>(wrong[at] ^ 0xFF);
+    if (!wireformat::IsMessage(wrong)) cases.push_back({wrong, malformed});
+  }
+  CleXDSmb block;
+  block.SetString("held");
+  const std::string before = messageOf(block);
+  for (const Case& c : cases) {
+    EXPECT_EQ(c.code, this->m_channel.Receive(block, writing(c.bytes))) << c.bytes.size() << " bytes";
+    ASSERT_EQ(before, messageOf(block));
+  }
+}
+
+TEST(Framing, EmptiesABlockThatWasSentAndNoOther) {
+  const TempDir dir;
+  VexaPipe reader(dir.Path("pipe").string());
+  VexaPipe writer(reader.GetPipeName());
+  CleXDSmb block;
+  block.SetString("held");
+  const std::string message = messageOf(block);
+  EXPECT_EQ(99104, SendData(&writer, block, true)) << "there is no pipe";
+  EXPECT_EQ(message, messageOf(block));
+  ASSERT_EQ(0, reader.CreatePipe());
+  ASSERT_EQ(0, reader.OpenPipeToUnBlockRead());
+  EXPECT_EQ(0, SendData(&writer, block, true));
+  int length = 0;
+  EXPECT_EQ(nullptr, block.GetSendBuf(length));
+  EXPECT_EQ(0, block.GetStringData().Size());
+  EXPECT_EQ(0, ReceiveData(&reader, block));
+  EXPECT_EQ("held", block.GetSingleString());
+  reader.ClosePipe();
+  EXPECT_EQ(99104, SendData(&writer, block, true)) << "nobody reads";
+  EXPECT_EQ("held", block.GetSingleString());
+}
+
+TEST(Framing, SendsTheJavaExtensionsDataAsTheyAre) {
+  JavaExtensionSmb message;
+  JavaExtensionSmb same;
+  same.SetCommandName("command");
+  same.SetExtensionPath("/ext");
+  same.SetPackageMode(false);
+  EXPECT_EQ("command", message.GetCommandName());
+  const std::string data("da\0ta", 5);
+  message.SetDataLen(5);
+  message.SetSendBuf(data.data());
+
+  JavaPlugInSocket socket;
+  EXPECT_EQ(0, socket.GetSocketPort());
+  EXPECT_EQ(0, socket.CreateSocket(0));
+  EXPECT_EQ(0, socket.GetSocketPort());
+  ASSERT_EQ(0, socket.CreateSocket());
+  auto peer = std::async(std::launch::async, [port = socket.GetSocketPort()] {
+    const int descriptor = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<in_port_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(0, ::connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address));
+    std::string got;
+    char byte = 0;
+    while (::read(descriptor, &byte, 1) == 1) got += byte;
+    ::close(descriptor);
+    return got;
+  });
+  ASSERT_EQ(0, socket.AcceptSocket());
+  EXPECT_EQ(0, SendData(&socket, message));
+  EXPECT_EQ(0, SendData(&socket, message)) << "there is nothing to send any more";
+  EXPECT_EQ(0, ReceiveData(&socket, message));
+  EXPECT_EQ(0, socket.CloseSocket());
+  EXPECT_EQ(data, peer.get());
+  int length = 0;
+  EXPECT_EQ(nullptr, message.GetSendBuf(length));
+  EXPECT_EQ(5, length);
+  EXPECT_TRUE(same.IsPackageMode());
+  EXPECT_EQ("", same.GetCommandName() + same.GetExtensionPath());
+
+  CleXDSmb block;
+  block.SetString("held");
+  EXPECT_EQ(99122, SendData(&socket, block)) << "it is shut down";
+  EXPECT_EQ("held", block.GetSingleString());
+}

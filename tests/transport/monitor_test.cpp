@@ -1,0 +1,145 @@
+#include "monitor.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <ctime>
+#include <string>
+#include <thread>
+
+#include "temphome.h"
+
+namespace {
+
+std::atomic<int> gCalls;
+
+int noteCall() { return ++gCalls; }
+
+class MonitorTest : public ::testing::Test {
+ protected:
+  MonitorTest() { gCalls = 0; }
+  std::string Path() const { return m_dir.Path("status").string(); }
+
+  // The other end, once the monitor has opened its own.
+  int OpenPeer(int mode) const {
+    int descriptor = -1;
+    while (descriptor == -1) descriptor = ::open(Path().c_str(), mode | O_NONBLOCK);
+    return descriptor;
+  }
+
+  TempDir m_dir;
+};
+
+void writeWords(int descriptor, std::initializer_list<int> words) {
+  ASSERT_EQ(static_cast<ssize_t>(words.size() * sizeof(int)),
+            ::write(descriptor, std::data(words), words.size() * sizeof(int)));
+}
+
+int readWord(int descriptor) {
+  pollfd waited{descriptor, POLLIN, 0};
+  ::poll(&waited, 1, 20'000);
+  int word = 0;
+  return ::read(descriptor, &word, sizeof word) == sizeof word ? word : -1;
+}
+
+double processorSeconds() { return static_cast<double>(std::clock()) / CLOCKS_PER_SEC; }
+
+}  // namespace
+
+TEST(PipeErrors, AreTwo) {
+  for (const int code : {109, 99103}) EXPECT_TRUE(CleXDErrorCode::IsPipeError(code)) << code;
+  for (const int code : {0, 99104, 99106}) EXPECT_FALSE(CleXDErrorCode::IsPipeError(code)) << code;
+}
+
+TEST_F(MonitorTest, ReadsUntilTheOtherEndStopsOrIsGone) {
+  const struct {
+    std::initializer_list<int> words;  // at once
+    bool leaves;
+    int calls;
+  } cases[] = {{{3}, false, 0}, {{3, 1}, false, 0}, {{1}, true, 1}, {{}, true, 1}, {{7}, true, 1}, {{1, 3}, true, 1}};
+  for (const auto& c : cases) {
+    gCalls = 0;
+    MonitorThread monitor(Path().c_str(), 1);
+    monitor.SetExceptionHandle(&noteCall);
+    ASSERT_TRUE(monitor.Start(0));
+    const int peer = OpenPeer(O_WRONLY);
+    if (c.words.size() > 0) writeWords(peer, c.words);
+    if (c.leaves) ::close(peer);
+    EXPECT_TRUE(monitor.WaitForStop());
+    EXPECT_EQ(c.calls, gCalls);
+    if (!c.leaves) ::close(peer);
+    monitor.Stop();
+    EXPECT_EQ(c.calls, gCalls);
+  }
+}
+
+TEST_F(MonitorTest, WritesThatItRunsAndThatItStops) {
+  VexaPipe file(Path());
+  ASSERT_EQ(0, file.CreatePipe());
+  MonitorThread monitor(Path().c_str(), 0);
+  monitor.SetExceptionHandle(&noteCall);
+  const int peer = ::open(Path().c_str(), O_RDONLY | O_NONBLOCK);
+  ASSERT_TRUE(monitor.Start(0));
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(1, readWord(peer));
+  monitor.Stop();
+  int word = -1;
+  while ((word = readWord(peer)) == 1) {
+  }
+  EXPECT_EQ(3, word);
+  ASSERT_TRUE(monitor.Start(0));
+  EXPECT_EQ(1, readWord(peer));
+  ::close(peer);
+  EXPECT_TRUE(monitor.WaitForStop()) << "nobody reads any more";
+  EXPECT_EQ(0, gCalls);
+}
+
+// Whatever the monitor waits for; one that did not stop would hang the test.
+TEST_F(MonitorTest, StopsAtOnceInEveryState) {
+  VexaPipe file(Path());
+  ASSERT_EQ(0, file.CreatePipe());
+  for (const int type : {0, 1}) {
+    const auto begin = std::chrono::steady_clock::now();
+    MonitorThread monitor(Path().c_str(), type);
+    monitor.Stop();
+    for (int round = 0; round < 50; ++round) {  // stopped before, while or after its thread begins
+      ASSERT_TRUE(monitor.Start(0));
+      for (int i = 0; i < round; ++i) std::this_thread::yield();
+      monitor.Stop();
+      EXPECT_FALSE(monitor.HasThread());
+    }
+    ASSERT_TRUE(monitor.Start(0));
+    const int peer = OpenPeer(type == 0 ? O_RDONLY : O_WRONLY);  // which stays silent
+    monitor.Stop();
+    ::close(peer);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
+    ASSERT_TRUE(monitor.Start(0));  // and is destroyed running
+  }
+  VexaPipe(Path()).CreatePipe();
+  MonitorThread full(Path().c_str(), 0);
+  const int peer = ::open(Path().c_str(), O_RDWR | O_NONBLOCK);
+  while (::write(peer, "full", 4) == 4) {
+  }
+  ASSERT_TRUE(full.Start(0));
+  full.Stop();
+  ::close(peer);
+}
+
+TEST_F(MonitorTest, DoesNotSpin) {
+  const double before = processorSeconds();
+  MonitorThread reader(Path().c_str(), 1);
+  MonitorThread writer(m_dir.Path("nobody").c_str(), 0);
+  ASSERT_TRUE(reader.Start(0) && writer.Start(0));
+  const int peer = OpenPeer(O_WRONLY);
+  std::this_thread::sleep_for(std::chrono::seconds(3));
+  EXPECT_LT(processorSeconds() - before, 0.5);  // of three seconds; one that spins takes all
+  ::close(peer);
+}
+
+TEST(MonitorDeathTest, HasOneOfTwoTypes) {
+  EXPECT_DEATH(MonitorThread("pipe", 2), "Un_supported_monitorType.*MonitorThread.*src/monitor");
+}

@@ -1,0 +1,230 @@
+#include "vexapipe.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <future>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "dxglobals.h"
+#include "dxtracer.h"
+#include "temphome.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class PipeTest : public ::testing::Test {
+ protected:
+  std::string Path(const std::string& name = "pipe") const { return m_dir.Path(name).string(); }
+
+  TempDir m_dir;
+};
+
+bool isPending(int signal) {
+  sigset_t pending;
+  ::sigpending(&pending);
+  return ::sigismember(&pending, signal) == 1;
+}
+
+std::string readToTheEnd(VexaPipe& pipe) {
+  std::string text;
+  std::vector<char> buffer(5000);
+  for (unsigned long count = 1; count > 0;) {
+    EXPECT_EQ(0, pipe.ReadData(static_cast<int>(buffer.size()), buffer.data(), count));
+    text.append(buffer.data(), count);
+  }
+  return text;
+}
+
+}  // namespace
+
+TEST_F(PipeTest, MakesAFifoForEverybodyWithinTheMask) {
+  VexaPipe unnamed;
+  EXPECT_EQ(99106, unnamed.CreatePipe());
+  const std::pair<mode_t, mode_t> masks[] = {{0, 0777}, {022, 0755}, {077, 0700}};
+  for (const auto& [mask, mode] : masks) {
+    const mode_t before = ::umask(mask);
+    {
+      VexaPipe pipe(Path());
+      EXPECT_EQ(0, pipe.CreatePipe());
+      EXPECT_TRUE(pipe.IsPipeCreated());
+      struct stat status {};
+      ASSERT_EQ(0, ::stat(Path().c_str(), &status));
+      EXPECT_TRUE(S_ISFIFO(status.st_mode));
+      EXPECT_EQ(mode, status.st_mode & 0777);
+      VexaPipe again(Path());
+      EXPECT_EQ(0, again.CreatePipe());
+      EXPECT_FALSE(again.IsPipeCreated());
+    }
+    EXPECT_FALSE(fs::exists(Path())) << "whoever made it";
+    ::umask(before);
+  }
+  VexaPipe nowhere(Path("missing/pipe"));
+  EXPECT_EQ(99104, nowhere.CreatePipe());
+}
+
+TEST_F(PipeTest, CarriesBytesUntilTheWriterCloses) {
+  VexaPipe reader(Path());
+  VexaPipe writer;
+  writer.SetPipeName(Path());
+  int length = 0;
+  EXPECT_EQ(Path(), writer.GetPipeName(length));
+  EXPECT_EQ(Path().size(), static_cast<std::size_t>(length));
+  ASSERT_EQ(0, reader.CreatePipe());
+  EXPECT_EQ(99104, writer.OpenPipeToUnBlockWrite()) << "nobody reads";
+  const std::string text(300'000, 't');
+  auto written = std::async(std::launch::async, [&] {
+    EXPECT_EQ(0, writer.OpenPipeToWrite());
+    EXPECT_TRUE(writer.IsWritePipeConnected());
+    EXPECT_EQ(0, writer.WriteData(text.data(), static_cast<int>(text.size()), nullptr));
+    EXPECT_EQ(0, writer.WriteData(text.data(), 0, nullptr));
+    EXPECT_EQ(0, writer.FlushPipe());
+    EXPECT_EQ(0, writer.ClosePipe());
+    EXPECT_FALSE(writer.IsWritePipeConnected());
+    EXPECT_FALSE(writer.HasPipe());
+  });
+  ASSERT_EQ(0, reader.OpenPipeToRead());
+  EXPECT_EQ(0, reader.OpenPipeToRead()) << "it is open";
+  EXPECT_EQ(text, readToTheEnd(reader));
+  written.get();
+  unsigned long count = 7;
+  EXPECT_EQ(99104, writer.ReadData(1, &length, count)) << "it is closed";
+  EXPECT_EQ(7u, count);
+}
+
+TEST_F(PipeTest, AWriteWithoutAReaderIsACodeAndNoSignal) {
+  struct sigaction before {};
+  ::sigaction(SIGPIPE, nullptr, &before);
+  VexaPipe reader(Path());
+  VexaPipe writer(Path());
+  for (const bool pendingBefore : {false, true}) {
+    ASSERT_EQ(0, reader.CreatePipe());
+    ASSERT_EQ(0, reader.OpenPipeToUnBlockRead());
+    ASSERT_EQ(0, writer.OpenPipeToWrite());
+    reader.ClosePipe();
+    sigset_t set;
+    ::sigemptyset(&set);
+    ::sigaddset(&set, SIGPIPE);
+    if (pendingBefore) {
+      ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
+      ::raise(SIGPIPE);
+    }
+    EXPECT_EQ(99104, writer.WriteData("x", 1, nullptr));
+    EXPECT_EQ(pendingBefore, isPending(SIGPIPE));
+    sigset_t mask;
+    ::pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    EXPECT_EQ(pendingBefore ? 1 : 0, ::sigismember(&mask, SIGPIPE));
+    if (pendingBefore) {
+      int number = 0;
+      ::sigwait(&set, &number);
+      ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    }
+  }
+  struct sigaction after {};
+  ::sigaction(SIGPIPE, nullptr, &after);
+  EXPECT_EQ(before.sa_handler, after.sa_handler);
+}
+
+TEST_F(PipeTest, GoesOnWhenSignalsInterruptIt) {
+  struct sigaction action {};
+  action.sa_handler = [](int) {};  // without restart
+  ::sigaction(SIGUSR1, &action, nullptr);
+  VexaPipe reader(Path());
+  ASSERT_EQ(0, reader.CreatePipe());
+  const std::string text(2'000'000, 't');
+  const pthread_t readingThread = ::pthread_self();
+  std::atomic<bool> done{false};
+  std::atomic<pthread_t> writingThread{};
+  std::thread signals([&] {
+    while (!done) {
+      ::pthread_kill(readingThread, SIGUSR1);
+      if (writingThread != pthread_t{}) ::pthread_kill(writingThread, SIGUSR1);
+      ::usleep(200);
+    }
+  });
+  std::promise<void> end;
+  std::thread writing([&] {
+    writingThread = ::pthread_self();
+    VexaPipe writer(Path());
+    ::usleep(20'000);  // the reader is interrupted in its open
+    EXPECT_EQ(0, writer.OpenPipeToWrite());
+    EXPECT_EQ(0, writer.WriteData(text.data(), static_cast<int>(text.size()), nullptr));
+    writer.ClosePipe();
+    end.get_future().wait();
+  });
+  EXPECT_EQ(0, reader.OpenPipeToRead());
+  EXPECT_EQ(text, readToTheEnd(reader));
+  done = true;
+  signals.join();
+  end.set_value();
+  writing.join();
+}
+
+TEST_F(PipeTest, OpensNothingButFifos) {
+  m_dir.Write("file", "untouched");
+  fs::create_symlink(Path("file"), Path("link"));
+  fs::create_directory(Path("directory"));
+  for (const char* name : {"file", "link", "directory", "missing"}) {
+    auto* const pipe = new VexaPipe(Path(name));
+    EXPECT_EQ(99104, pipe->OpenPipeToWrite()) << name;
+    EXPECT_EQ(99104, pipe->OpenPipeToUnBlockWrite()) << name;
+    EXPECT_EQ(99104, pipe->OpenPipeToRead()) << name;
+    EXPECT_EQ(99104, pipe->VEXACreateFile()) << name;
+    EXPECT_FALSE(pipe->HasPipe());
+    pipe->SetPipeName("");
+    delete pipe;
+  }
+  EXPECT_EQ("untouched", ReadFile(Path("file")));
+}
+
+TEST_F(PipeTest, IsInheritedByNobodyAndReplacedWithoutALeak) {
+  VexaPipe reader(Path());
+  ASSERT_EQ(0, reader.CreatePipe());
+  ASSERT_EQ(0, reader.OpenPipeToUnBlockRead());
+  const auto descriptors = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
+  VexaPipe writer(Path());
+  ASSERT_EQ(0, writer.OpenPipeToWrite());
+  const auto before = descriptors();
+  for (int i = 0; i < 10; ++i) {
+    ASSERT_EQ(0, writer.OpenPipeToWrite());
+    ASSERT_EQ(0, writer.VEXACreateFile());
+  }
+  EXPECT_EQ(before, descriptors());
+  const std::string list = "for f in /proc/self/fd/*; do readlink $f; done > " + Path("list") + "; true";
+  ASSERT_EQ(0, std::system(list.c_str()));
+  EXPECT_EQ(std::string::npos, ReadFile(Path("list")).find(Path()));
+}
+
+TEST_F(PipeTest, TracesWhatFailsAndEveryClose) {
+  {
+    DxTracer tracer;
+    tracer.open(Path("trace"));
+    SetDxTracer(&tracer);
+    VexaPipe missing(Path("missing/pipe"));
+    missing.CreatePipe();
+    missing.OpenPipeToWrite();
+    missing.OpenPipeToUnBlockWrite();
+    missing.OpenPipeToRead();
+    missing.VEXACreateFile();
+    VexaPipe pipe(Path());
+    pipe.CreatePipe();
+    pipe.OpenPipeToUnBlockRead();
+    pipe.ClosePipe();
+    pipe.ClosePipe();
+    SetDxTracer(nullptr);
+  }
+  const std::string missing = Path("missing/pipe");
+  EXPECT_EQ((std::vector<std::string>{
+                missing + " CreateNamedPipe error code : 2.", missing + " OpenPipeToWrite error code : 2.",
+                missing + " OpenPipeToUnBlockWrite error code : 2.", Path() + " ClosePipe error code : 0."}),
+            TraceTexts(Path("trace")));
+}
