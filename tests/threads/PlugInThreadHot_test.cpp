@@ -196,7 +196,7 @@ TEST(Thread, AnAttachedOneIsJoinedWhileItRunsAndForgottenWhenItHasEnded) {
 
 namespace {
 
-pthread_t gSignalled;
+std::atomic<pthread_t> gSignalled{};
 
 void noteSignal(int) { gSignalled = ::pthread_self(); }
 
@@ -218,9 +218,9 @@ TEST(Thread, GetsSignalsWhileItRuns) {
   begun.WaitForSignal();
   EXPECT_TRUE(thread.Signal(SIGUSR1));
   EXPECT_FALSE(thread.Signal(-1));
+  EXPECT_TRUE(becomesTrue([&] { return ::pthread_equal(self, gSignalled) != 0; }));
   go.Signal();
   EXPECT_TRUE(thread.WaitForStop());
-  EXPECT_TRUE(::pthread_equal(self, gSignalled));
   EXPECT_EQ(1, thread.GetReturnValue());
   EXPECT_FALSE(thread.Signal(SIGUSR1));
 }
