@@ -1,5 +1,5 @@
-// Any stream of bytes in any pieces, as a pipe or socket brings it: a message is complete with its last byte and not
-// before, nothing past it is taken, and what is complete is checked before it is parsed.
+// Any stream of bytes in any pieces, as a pipe or socket brings it: what comes of it does not depend on the pieces, and
+// nothing is taken but one whole message.
 
 #include <algorithm>
 #include <cstddef>
@@ -11,15 +11,60 @@
 #include <string>
 
 #include "clexdsmb.h"
-#include "incomingmessage.h"
 #include "messageparser.h"
 
 namespace {
 
-using State = IncomingMessage::State;
+constexpr int kMalformed = 1;
+constexpr int kEnded = 2;
 
 void require(bool holds) {
   if (!holds) std::abort();
+}
+
+class Pieces final : public MessageSource {
+ public:
+  Pieces(std::span<const char> stream, std::size_t seed) : m_stream(stream), m_seed(seed) {}
+
+  // In memory of its own, whose end the address sanitizer knows.
+  std::span<const char> Next() override {
+    if (m_stream.empty()) throw EndOfSource{kEnded};
+    const std::size_t length = std::min(1 + (m_seed * 7 + m_stream.size()) % 19, m_stream.size());
+    m_piece = std::make_unique<char[]>(length);
+    std::memcpy(m_piece.get(), m_stream.data(), length);
+    m_stream = m_stream.subspan(length);
+    return {m_piece.get(), length};
+  }
+
+  bool AtEnd() const { return m_stream.empty(); }
+
+ private:
+  std::span<const char> m_stream;
+  std::size_t m_seed;
+  std::unique_ptr<char[]> m_piece;
+};
+
+std::string messageOf(CleXDSmb& block) {
+  int length = 0;
+  block.ContructSendData();
+  const char* const message = block.GetSendBuf(length);
+  return {message, static_cast<std::size_t>(length)};
+}
+
+// Without the binary payload, whose length a block does not keep.
+std::string contentOf(CleXDSmb& block) {
+  const std::unique_ptr<char[]> binary(block.GetBinaryData());
+  block.SetBinaryString(nullptr, 0);
+  return messageOf(block);
+}
+
+// What a block has that was given the bytes as a whole; empty when it took nothing.
+std::string parsed(const std::string& bytes) {
+  CleXDSmb block;
+  int length = 0;
+  block.ParseBuf(bytes.data());
+  (void)block.GetSendBuf(length);
+  return length > 0 ? contentOf(block) : std::string();
 }
 
 }  // namespace
@@ -33,29 +78,28 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (seed % 4 != 0 && stream.size() >= wireformat::kIntLen) {
     vexadx::Store(stream.data(), static_cast<int>(stream.size()) + static_cast<int>(seed / 4 % 3) - 1);
   }
-  // A longer one is only waited for, and its memory costs the sanitizer a second.
+  const int announced = stream.size() >= wireformat::kIntLen ? vexadx::Load<int>(stream.data()) : 0;
+  // Memory for what a longer one announces costs the sanitizer a second.
   constexpr int kLongest = 1 << 20;
-  if (stream.size() >= wireformat::kIntLen && vexadx::Load<int>(stream.data()) > kLongest) return 0;
-  IncomingMessage message;
-  State state = State::kIncomplete;
-  std::size_t taken = 0;
-  while (taken < stream.size() && state == State::kIncomplete) {
-    const std::size_t piece = std::min(1 + (seed * 7 + taken) % 19, stream.size() - taken);
-    // Memory of its own, whose end the address sanitizer knows.
-    const auto bytes = std::make_unique<char[]>(piece);
-    std::memcpy(bytes.get(), stream.data() + taken, piece);
-    state = message.Add({bytes.get(), piece});
-    taken += piece;
-  }
-  const std::string whole = stream.substr(0, taken);
-  const bool announcesItself = taken >= wireformat::kIntLen &&
-                               vexadx::Load<int>(whole.data()) == static_cast<int>(taken) &&
-                               taken >= wireformat::kEmptyMessageLen;
-  require((state == State::kComplete) == announcesItself);
-  if (state != State::kComplete) return 0;
-  require(std::memcmp(message.Bytes().data(), whole.data(), taken) == 0);
+  if (announced > kLongest) return 0;
+  const auto length = static_cast<int>(stream.size());
+
   CleXDSmb block;
-  require(MessageParser::Parse(block, message.Bytes()) == wireformat::IsMessage(whole));
+  block.SetString("held");
+  const std::string before = messageOf(block);
+  CleXDSmb emptyBlock;
+  Pieces pieces(stream, seed);
+  const int code = MessageParser::Parse(seed % 2 == 0 ? block : emptyBlock, pieces, kMalformed);
+  if (code != 0) {
+    require(messageOf(block) == before && emptyBlock.GetStringData().Size() == 0);
+    // The stream's end is waited for unless there is nothing to wait for.
+    require((code == kEnded) == (length < static_cast<int>(wireformat::kIntLen) ||
+                                 (announced >= static_cast<int>(wireformat::kEmptyMessageLen) && announced > length)));
+    require(announced != length || length < static_cast<int>(wireformat::kIntLen) || parsed(stream).empty());
+    return 0;
+  }
+  require(announced == length && pieces.AtEnd());
+  if (seed % 2 != 0) require(contentOf(emptyBlock) == parsed(stream));
   const std::unique_ptr<char[]> binary(block.GetBinaryData());
   return 0;
 }

@@ -1,6 +1,5 @@
 // Shows what the library makes of messages: reads them from standard input, each behind its length in four bytes, and
 // answers a line of JSON for each:
-//   message  whether the bytes are one message and nothing else
 //   parsed   what a block has that parsed them as long as they say they are; null when it took nothing
 //   rebuilt  the message of a new block that was given the same values
 // Bytes are written in hexadecimal, doubles as their 64 bits.
@@ -107,7 +106,7 @@ std::string rebuild(CleXDSmb& from, const char* binary) {
 }
 
 Json answer(const std::vector<char>& bytes) {
-  Json line = {{"message", wireformat::IsMessage(bytes)}, {"parsed", nullptr}};
+  Json line = {{"parsed", nullptr}};
   if (bytes.size() < wireformat::kIntLen) return line;
   const int announced = vexadx::Load<int>(bytes.data());
   if (announced > static_cast<int>(bytes.size())) return line;

@@ -12,6 +12,7 @@
 #include <future>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "clexdsmb.h"
@@ -20,7 +21,6 @@
 #include "temphome.h"
 #include "vexadx_bytes.h"
 #include "vexapipe.h"
-#include "wireformat.h"
 
 namespace {
 
@@ -29,6 +29,15 @@ std::string messageOf(CleXDSmb& block) {
   block.ContructSendData();
   const char* const message = block.GetSendBuf(length);
   return {message, static_cast<std::size_t>(length)};
+}
+
+// Whether a block takes the bytes, which are as many as they announce.
+bool isMessage(const std::string& bytes) {
+  CleXDSmb block;
+  int length = 0;
+  block.ParseBuf(bytes.data());
+  (void)block.GetSendBuf(length);
+  return length > 0;
 }
 
 std::string announcing(int length, std::string message) {
@@ -150,7 +159,7 @@ TYPED_TEST(FramingTest, TakesNothingOfWhatIsNoMessage) {
   for (std::size_t at = 4; at < message.size(); ++at) {
     std::string wrong = message;
     wrong[at] = static_cast<char>(wrong[at] ^ 0xFF);
-    if (!wireformat::IsMessage(wrong)) cases.push_back({wrong, malformed});
+    if (!isMessage(wrong)) cases.push_back({wrong, malformed});
   }
   CleXDSmb block;
   block.SetString("held");
@@ -163,24 +172,43 @@ TYPED_TEST(FramingTest, TakesNothingOfWhatIsNoMessage) {
 
 TEST(Framing, EmptiesABlockThatWasSentAndNoOther) {
   const TempDir dir;
-  VexaPipe reader(dir.Path("pipe").string());
-  VexaPipe writer(reader.GetPipeName());
-  CleXDSmb block;
-  block.SetString("held");
-  const std::string message = messageOf(block);
-  EXPECT_EQ(99104, SendData(&writer, block, true)) << "there is no pipe";
-  EXPECT_EQ(message, messageOf(block));
-  ASSERT_EQ(0, reader.CreatePipe());
-  ASSERT_EQ(0, reader.OpenPipeToUnBlockRead());
-  EXPECT_EQ(0, SendData(&writer, block, true));
-  int length = 0;
-  EXPECT_EQ(nullptr, block.GetSendBuf(length));
-  EXPECT_EQ(0, block.GetStringData().Size());
-  EXPECT_EQ(0, ReceiveData(&reader, block));
-  EXPECT_EQ("held", block.GetSingleString());
-  reader.ClosePipe();
-  EXPECT_EQ(99104, SendData(&writer, block, true)) << "nobody reads";
-  EXPECT_EQ("held", block.GetSingleString());
+  for (const std::size_t size : {std::size_t{4}, std::size_t{5'000'000}}) {
+    VexaPipe reader(dir.Path("pipe").string());
+    VexaPipe writer(reader.GetPipeName());
+    CleXDSmb block;
+    const std::string text(size, 't');
+    block.SetString(text);
+    block.SetDouble(0.5);
+    block.SetwString(L"w");
+    block.SetStringArray(block.GetStringData());
+    block.SetBinaryString(text.data(), 3);
+    const std::string message = messageOf(block);
+    EXPECT_EQ(99104, SendData(&writer, block, true)) << "there is no pipe";
+    EXPECT_EQ(message, messageOf(block));
+    ASSERT_EQ(0, reader.CreatePipe());
+    ASSERT_EQ(0, reader.OpenPipeToUnBlockRead());
+    ASSERT_EQ(0, writer.OpenPipeToWrite());
+    reader.ClosePipe();
+    EXPECT_EQ(99104, SendData(&writer, block)) << "nobody reads";
+    int length = 0;
+    const char* const kept = block.GetSendBuf(length);
+    EXPECT_TRUE(kept && message == std::string_view(kept, static_cast<std::size_t>(length)));
+
+    writer.ClosePipe();
+    auto received = std::async(std::launch::async, [&] {
+      EXPECT_EQ(0, reader.OpenPipeToRead());
+      std::string bytes;
+      std::vector<char> piece(8192);
+      for (unsigned long count = 1; count > 0 && bytes.size() < message.size(); bytes.append(piece.data(), count)) {
+        EXPECT_EQ(0, reader.ReadData(8192, piece.data(), count));
+      }
+      return bytes;
+    });
+    EXPECT_EQ(0, SendData(&writer, block, true));
+    EXPECT_TRUE(message == received.get());
+    EXPECT_EQ(nullptr, block.GetSendBuf(length));
+    EXPECT_EQ(0, block.GetStringData().Size());
+  }
 }
 
 TEST(Framing, SendsTheJavaExtensionsDataAsTheyAre) {

@@ -6,6 +6,13 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#ifdef __linux__
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
+#endif
 
 #include <atomic>
 #include <filesystem>
@@ -101,11 +108,13 @@ TEST_F(PipeTest, CarriesBytesUntilTheWriterCloses) {
   EXPECT_EQ(7u, count);
 }
 
-TEST_F(PipeTest, AWriteWithoutAReaderIsACodeAndNoSignal) {
+namespace {
+
+void writeWithoutReader(const std::string& path) {
   struct sigaction before {};
   ::sigaction(SIGPIPE, nullptr, &before);
-  VexaPipe reader(Path());
-  VexaPipe writer(Path());
+  VexaPipe reader(path);
+  VexaPipe writer(path);
   for (const bool pendingBefore : {false, true}) {
     ASSERT_EQ(0, reader.CreatePipe());
     ASSERT_EQ(0, reader.OpenPipeToUnBlockRead());
@@ -133,6 +142,50 @@ TEST_F(PipeTest, AWriteWithoutAReaderIsACodeAndNoSignal) {
   ::sigaction(SIGPIPE, nullptr, &after);
   EXPECT_EQ(before.sa_handler, after.sa_handler);
 }
+
+#ifdef __linux__
+// As an older system does.
+void refusePwritev2() {
+  sock_filter steps[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_pwritev2, 0, 1),
+                         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EOPNOTSUPP),
+                         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+  const sock_fprog program{std::size(steps), steps};
+  ASSERT_EQ(0, ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0));
+  ASSERT_EQ(0, ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program));
+  ASSERT_EQ(-1, ::pwritev2(1, nullptr, 0, -1, 0));
+}
+#endif
+
+}  // namespace
+
+TEST_F(PipeTest, AWriteWithoutAReaderIsACodeAndNoSignal) { writeWithoutReader(Path()); }
+
+#ifdef __linux__
+TEST_F(PipeTest, AWriteWithoutAReaderIsNoSignalOnOlderSystems) {
+  const auto child = [this] {
+    refusePwritev2();
+    writeWithoutReader(Path());
+    std::_Exit(HasFailure() ? 1 : 0);
+  };
+  EXPECT_EXIT(child(), ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(PipeTest, AStrangersFifoIsNoPipe) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only the superuser can be two users";
+  constexpr uid_t kStranger = 65534;
+  constexpr uid_t kUser = 65533;
+  VexaPipe pipe(Path());
+  ASSERT_EQ(0, pipe.CreatePipe());
+  std::filesystem::permissions(m_dir.Path(""), std::filesystem::perms::all);
+  std::filesystem::permissions(Path(), std::filesystem::perms::all);
+  for (const auto& [owner, code] : std::vector<std::pair<uid_t, int>>{{kStranger, 99104}, {kUser, 0}, {0, 0}}) {
+    ASSERT_EQ(0, ::chown(Path().c_str(), owner, static_cast<gid_t>(-1)));
+    const auto child = [&] { std::_Exit(::seteuid(kUser) == 0 ? pipe.OpenPipeToUnBlockRead() != 0 : 2); };
+    EXPECT_EXIT(child(), ::testing::ExitedWithCode(code != 0 ? 1 : 0), "") << owner;
+  }
+}
+#endif
 
 TEST_F(PipeTest, GoesOnWhenSignalsInterruptIt) {
   struct sigaction action {};

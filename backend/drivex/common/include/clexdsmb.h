@@ -8,6 +8,10 @@
 #include "datatype.h"
 #include "vexadx_export.h"
 
+class MessageReader;
+class MessageSource;
+class PieceWriter;
+
 // The message block that the host and an X process exchange: a command action, an error code and payloads of each
 // type. It turns itself into one contiguous message and fills itself from one. One thread at a time.
 //
@@ -124,11 +128,17 @@ class VEXADX_API CleXDSmb {
 
  private:
   friend struct MessageParser;
+  friend struct MessageStreamer;
 
-  VEXADX_HIDDEN bool parse(std::span<const char> message);
-  VEXADX_HIDDEN void parseWellFormed(const char* message);
+  VEXADX_HIDDEN int parse(MessageSource& source, int malformed);
+  VEXADX_HIDDEN void parseFields(MessageReader& reader);
   VEXADX_HIDDEN void holdBinary(char* bytes, std::size_t length);
   VEXADX_HIDDEN std::size_t binaryBytesToSend() const;
+  VEXADX_HIDDEN std::size_t wideCount() const;
+  VEXADX_HIDDEN std::size_t messageLength() const;
+  template <typename Writer>
+  VEXADX_HIDDEN void writeMessage(Writer writer, std::size_t length) const;
+  VEXADX_HIDDEN void stream(PieceWriter writer, std::size_t length) const;
 
   char* m_sendBuf;  // from malloc
   int m_sendLen;

@@ -8,10 +8,6 @@
 
 #include "vexadx_export.h"
 
-namespace wireformat {
-class Writer;
-}
-
 // The typed payloads of a message block: lists of values that measure, serialise and parse themselves. One thread at a
 // time each.
 //
@@ -79,7 +75,6 @@ class VEXADX_API LongData final : public DataType {
   friend class CleXDSmb;
 
   VEXADX_HIDDEN std::size_t bytes() const;
-  VEXADX_HIDDEN wireformat::Writer writeTo(wireformat::Writer writer) const;
   VEXADX_HIDDEN void shrinkTo(int size);
 
   std::unique_ptr<char, FreeMemory> m_buffer;
@@ -108,7 +103,6 @@ class VEXADX_API DoubleData final : public DataType {
   friend class CleXDSmb;
 
   VEXADX_HIDDEN std::size_t bytes() const;
-  VEXADX_HIDDEN wireformat::Writer writeTo(wireformat::Writer writer) const;
   VEXADX_HIDDEN void shrinkTo(int size);
 
   std::unique_ptr<char, FreeMemory> m_buffer;
@@ -147,7 +141,6 @@ class VEXADX_API StringData final : public DataType {
   friend class CleXDSmb;
 
   VEXADX_HIDDEN std::size_t bytes() const;
-  VEXADX_HIDDEN wireformat::Writer writeTo(wireformat::Writer writer) const;
   VEXADX_HIDDEN void shrinkTo(int size);
 
   std::unique_ptr<char, FreeMemory> m_buffer;
@@ -179,7 +172,6 @@ class VEXADX_API StructData final : public DataType {
   friend class CleXDSmb;
 
   VEXADX_HIDDEN std::size_t bytes() const;
-  VEXADX_HIDDEN wireformat::Writer writeTo(wireformat::Writer writer) const;
   VEXADX_HIDDEN void shrinkTo(int size);
 
   std::unique_ptr<char, FreeMemory> m_buffer;

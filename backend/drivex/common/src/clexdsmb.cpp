@@ -10,7 +10,11 @@
 #include <new>
 #include <utility>
 
+#include "listformat.h"
 #include "messagememory.h"
+#include "messagereader.h"
+#include "piecewriter.h"
+#include "vexadx_codes.h"
 #include "wireformat.h"
 
 using wireformat::kIntLen;
@@ -26,6 +30,18 @@ void replace(Lists& lists, const Lists& by) {
   Lists copy = by;
   lists = std::move(copy);
 }
+
+class WholeMessage final : public MessageSource {
+ public:
+  explicit WholeMessage(std::span<const char> message) : m_message(message) {}
+  std::span<const char> Next() override {
+    if (m_message.empty()) throw EndOfSource{vexadx::kFailed};
+    return std::exchange(m_message, {});
+  }
+
+ private:
+  std::span<const char> m_message;
+};
 
 }  // namespace
 
@@ -57,49 +73,58 @@ void CleXDSmb::SetErrorCode(int code) { m_errorCode = code; }
 
 int CleXDSmb::GetErrorCode() { return m_errorCode; }
 
-int CleXDSmb::ContructSendData() {
-  messagememory::Release(std::exchange(m_sendBuf, nullptr));
-  m_sendLen = 0;
+std::size_t CleXDSmb::messageLength() const {
   const auto bytesOf = [](const auto& lists) {
     std::size_t bytes = kIntLen;
     for (const auto& list : lists) bytes += list.bytes();
     return bytes;
   };
+  return wireformat::kHeaderLen + m_longData.bytes() + m_doubleData.bytes() + m_stringData.bytes() +
+         m_structData.bytes() + bytesOf(m_longArray) + bytesOf(m_doubleArray) + bytesOf(m_stringArray) + kIntLen +
+         binaryBytesToSend() + kIntLen + wideCount() * kWideCharLen + kIntLen + static_cast<std::size_t>(m_voidLen);
+}
+
+template <typename Writer>
+void CleXDSmb::writeMessage(Writer writer, std::size_t length) const {
+  const auto write = [&writer](const auto& item) { writer = wireformat::WriteList(writer, item.m_values); };
+  const auto writeAll = [&writer, write](const auto& lists) {
+    writer.Count(lists.size());
+    for (const auto& list : lists) write(list);
+  };
+  writer.Count(length);
+  writer.Int(m_commandAction);
+  writer.Int(m_errorCode);
+  write(m_longData);
+  write(m_doubleData);
+  write(m_stringData);
+  write(m_structData);
+  writeAll(m_longArray);
+  writeAll(m_doubleArray);
+  writeAll(m_stringArray);
   const std::size_t binaryLen = binaryBytesToSend();
-  const std::size_t wideCount = m_wString ? std::wcslen(m_wString) : 0;
+  writer.Count(binaryLen);
+  writer.Bytes(m_binaryData, binaryLen);
+  const std::span<const wchar_t> wide(m_wString, wideCount());
+  writer.Count(wide.size());
+  writer.Run(wide);
   const auto voidLen = static_cast<std::size_t>(m_voidLen);
-  const std::size_t length = wireformat::kHeaderLen + m_longData.bytes() + m_doubleData.bytes() + m_stringData.bytes() +
-                             m_structData.bytes() + bytesOf(m_longArray) + bytesOf(m_doubleArray) +
-                             bytesOf(m_stringArray) + kIntLen + binaryLen + kIntLen + wideCount * kWideCharLen +
-                             kIntLen + voidLen;
+  writer.Count(voidLen);
+  writer.Bytes(m_voidData, voidLen);
+}
+
+int CleXDSmb::ContructSendData() {
+  messagememory::Release(std::exchange(m_sendBuf, nullptr));
+  m_sendLen = 0;
+  const std::size_t length = messageLength();
   if (length > wireformat::kLongestMessage) return 0;
   m_sendBuf = messagememory::Allocate(length);
   if (!m_sendBuf) return 0;
   m_sendLen = static_cast<int>(length);
-
-  wireformat::Writer writer(m_sendBuf);
-  const auto writeAll = [&writer](const auto& lists) {
-    writer.Count(lists.size());
-    for (const auto& list : lists) writer = list.writeTo(writer);
-  };
-  writer.Int(m_sendLen);
-  writer.Int(m_commandAction);
-  writer.Int(m_errorCode);
-  writer = m_longData.writeTo(writer);
-  writer = m_doubleData.writeTo(writer);
-  writer = m_stringData.writeTo(writer);
-  writer = m_structData.writeTo(writer);
-  writeAll(m_longArray);
-  writeAll(m_doubleArray);
-  writeAll(m_stringArray);
-  writer.Count(binaryLen);
-  writer.Bytes(m_binaryData, binaryLen);
-  writer.Count(wideCount);
-  writer.Run(std::span<const wchar_t>(m_wString, wideCount));
-  writer.Count(voidLen);
-  writer.Bytes(m_voidData, voidLen);
+  writeMessage(wireformat::Writer(m_sendBuf), length);
   return 0;
 }
+
+void CleXDSmb::stream(PieceWriter writer, std::size_t length) const { writeMessage(writer, length); }
 
 char* CleXDSmb::GetSendBuf(int& length) {
   length = m_sendLen;
@@ -110,13 +135,13 @@ int CleXDSmb::ParseBuf(const void* data) {
   if (!data) return 0;
   const auto* message = static_cast<const char*>(data);
   const int length = wireformat::Load<int>(message);
-  if (length > 0) (void)parse({message, static_cast<std::size_t>(length)});
+  if (length <= 0) return 0;
+  WholeMessage source({message, static_cast<std::size_t>(length)});
+  (void)parse(source, vexadx::kFailed);
   return 0;
 }
 
-// False, and nothing has changed, when the bytes are no message or memory gave out.
-bool CleXDSmb::parse(std::span<const char> message) {
-  if (!wireformat::IsMessage(message)) return false;
+int CleXDSmb::parse(MessageSource& source, int malformed) {
   const auto forget = [this, longs = m_longData.Size(), doubles = m_doubleData.Size(), strings = m_stringData.Size(),
                        structs = m_structData.Size(), longLists = m_longArray.size(),
                        doubleLists = m_doubleArray.size(), stringLists = m_stringArray.size()] {
@@ -129,33 +154,31 @@ bool CleXDSmb::parse(std::span<const char> message) {
     m_stringArray.resize(stringLists);
   };
   try {
-    parseWellFormed(message.data());
-  } catch (const std::exception&) {
+    MessageReader reader(source);
+    try {
+      parseFields(reader);
+    } catch (const std::exception&) {
+      forget();
+      reader.Drain();
+      return malformed;
+    }
+  } catch (const EndOfSource& end) {
     forget();
-    return false;
+    return end.code;
+  } catch (const std::exception&) {
+    return malformed;
   }
-  return true;
+  return vexadx::kSuccess;
 }
 
 // Lists first, everything else when nothing can fail any more.
-void CleXDSmb::parseWellFormed(const char* message) {
-  wireformat::Reader reader(message);
-  const int length = reader.Int();
+void CleXDSmb::parseFields(MessageReader& reader) {
   const auto action = static_cast<CommandAction>(reader.Int());
   const int errorCode = reader.Int();
-
-  const auto append = [&reader](auto& item) {
-    if (wireformat::Load<int>(reader.Position()) == 0) {  // as most lists are
-      (void)reader.Skip(kIntLen);
-      return;
-    }
-    int itemLength = 0;
-    item.ParseData(reader.Position(), itemLength);
-    (void)reader.Skip(static_cast<std::size_t>(itemLength));
-  };
+  const auto append = [&reader](auto& item) { wireformat::ReadList(reader, item.m_values); };
   const auto appendAll = [&reader, append](auto& lists) {
-    const std::size_t count = reader.Count();
-    wireformat::GrowBy(lists, count);
+    const std::size_t count = reader.Count<kIntLen>();
+    messagememory::GrowBy(lists, reader.AtHand(count, kIntLen));
     for (std::size_t i = 0; i < count; ++i) append(lists.emplace_back());
   };
   append(m_longData);
@@ -166,28 +189,31 @@ void CleXDSmb::parseWellFormed(const char* message) {
   appendAll(m_doubleArray);
   appendAll(m_stringArray);
 
-  const std::size_t binaryLen = reader.Count();
+  const std::size_t binaryLen = reader.Count<1>();
   std::unique_ptr<char[]> binary;
   if (binaryLen > 0) {
     binary.reset(new char[binaryLen + 1]);
-    std::memcpy(binary.get(), reader.Skip(binaryLen), binaryLen);
+    reader.Bytes(binary.get(), binaryLen);
     binary[binaryLen] = '\0';
   }
-  const std::size_t wideCount = reader.Count();
+  const std::size_t wideLen = reader.Count<kWideCharLen>();
   std::unique_ptr<wchar_t[]> wide;
-  if (wideCount > 0) {
-    wide = std::make_unique<wchar_t[]>(wideCount + 1);
-    wireformat::LoadRun(std::span(wide.get(), wideCount), reader.Skip(wideCount * kWideCharLen));
+  if (wideLen > 0) {
+    wide.reset(new wchar_t[wideLen + 1]);
+    reader.Bytes(wide.get(), wideLen * kWideCharLen);
+    wireformat::ToNative(std::span(wide.get(), wideLen));
+    wide[wideLen] = L'\0';
   }
-  const std::size_t voidLen = reader.Count();
+  const std::size_t voidLen = reader.Count<1>();
   std::unique_ptr<char, FreeMemory> voidData;
   if (voidLen > 0) {
     voidData.reset(static_cast<char*>(std::malloc(voidLen)));
     if (!voidData) throw std::bad_alloc();
-    std::memcpy(voidData.get(), reader.Skip(voidLen), voidLen);
+    reader.Bytes(voidData.get(), voidLen);
   }
+  reader.Finish();
 
-  m_sendLen = length;
+  m_sendLen = reader.Length();
   m_commandAction = action;
   m_errorCode = errorCode;
   holdBinary(binary.release(), binaryLen);
@@ -238,14 +264,16 @@ DoubleData CleXDSmb::GetDoubleData() { return m_doubleData; }
 
 DoubleData& CleXDSmb::GetDoubleDataRef() { return m_doubleData; }
 
-void CleXDSmb::SetString(const std::string& text) { m_stringData.SetValue(text); }
+void CleXDSmb::SetString(const std::string& text) {
+  m_stringData.SetValue(messagememory::Text(text.data(), text.size()));
+}
 
 void CleXDSmb::SetString(const char* text) {
   if (text) m_stringData.SetValue(text);
 }
 
 void CleXDSmb::SetString(const char* bytes, int length) {
-  if (bytes && length >= 0) m_stringData.SetValue(std::string(bytes, static_cast<std::size_t>(length)));
+  if (bytes && length >= 0) m_stringData.SetValue(messagememory::Text(bytes, static_cast<std::size_t>(length)));
 }
 
 void CleXDSmb::SetSingleString(const char* text) { m_stringData.SetSingleString(text); }
@@ -297,6 +325,8 @@ void CleXDSmb::holdBinary(char* bytes, std::size_t length) {
   m_binaryHeld = static_cast<unsigned>(length) & 0x7FFFFFFF;
   m_binaryHandedOut = false;
 }
+
+std::size_t CleXDSmb::wideCount() const { return m_wString ? std::wcslen(m_wString) : 0; }
 
 // The length that was set; an array that was parsed may be shorter.
 std::size_t CleXDSmb::binaryBytesToSend() const {

@@ -6,6 +6,8 @@
 #include <type_traits>
 #include <utility>
 
+#include "listformat.h"
+#include "messagememory.h"
 #include "wireformat.h"
 
 using wireformat::kIntLen;
@@ -36,79 +38,23 @@ std::size_t bytesOf(const std::vector<dataSet>& values) {
 
 int asLength(std::size_t bytes) { return static_cast<int>(std::min<std::size_t>(bytes, INT_MAX)); }
 
-inline void write(wireformat::Writer& writer, const std::string& value) {
-  writer.Count(value.size());
-  writer.Bytes(value.data(), value.size());
-}
-
-inline void write(wireformat::Writer& writer, const dataSet& value) {
-  write(writer, value.m_name);
-  writer.Int(value.m_int1);
-  writer.Int(value.m_int2);
-  writer.Int(value.m_int3);
-  writer.Double(value.m_double);
-  write(writer, value.m_string);
-}
-
-// Answers the writer behind the list. Its own copy stays in a register, where one that others can see would not.
-template <typename Value>
-wireformat::Writer writeList(wireformat::Writer writer, const std::vector<Value>& values) {
-  writer.Count(values.size());
-  if constexpr (std::is_arithmetic_v<Value>) {
-    writer.Run(std::span(values));
-  } else {
-    for (const Value& value : values) write(writer, value);
-  }
-  return writer;
-}
-
-void readString(wireformat::Reader& reader, std::string& value) {
-  const std::size_t length = reader.Count();
-  value.assign(reader.Skip(length), length);
-}
-
-// Append the values encoded at `data` and answer the bytes they take.
-
-template <typename Number>
-std::size_t readList(const char* data, std::vector<Number>& values) {
-  wireformat::Reader reader(data);
-  const std::size_t count = reader.Count();
-  wireformat::AppendRun(values, reader.Skip(count * sizeof(Number)), count);
-  return static_cast<std::size_t>(reader.Position() - data);
-}
-
-std::size_t readList(const char* data, std::vector<std::string>& values) {
-  wireformat::Reader reader(data);
-  const std::size_t count = reader.Count();
-  wireformat::GrowBy(values, count);
-  for (std::size_t i = 0; i < count; ++i) {
-    const std::size_t length = reader.Count();
-    values.emplace_back(reader.Skip(length), length);
-  }
-  return static_cast<std::size_t>(reader.Position() - data);
-}
-
-std::size_t readList(const char* data, std::vector<dataSet>& values) {
-  wireformat::Reader reader(data);
-  const std::size_t count = reader.Count();
-  wireformat::GrowBy(values, count);
-  for (std::size_t i = 0; i < count; ++i) {
-    dataSet& value = values.emplace_back();
-    readString(reader, value.m_name);
-    value.m_int1 = reader.Int();
-    value.m_int2 = reader.Int();
-    value.m_int3 = reader.Int();
-    value.m_double = reader.Double();
-    readString(reader, value.m_string);
-  }
-  return static_cast<std::size_t>(reader.Position() - data);
-}
-
 template <typename Value>
 void parse(const void* data, int& length, int& itemLength, std::vector<Value>& values) {
   if (!data) return;
-  itemLength = asLength(readList(static_cast<const char*>(data), values));
+  const auto* const start = static_cast<const char*>(data);
+  wireformat::Reader reader(start);
+  wireformat::ReadList(reader, values);
+  itemLength = asLength(static_cast<std::size_t>(reader.Position() - start));
   length = itemLength;
+}
+
+template <typename Value>
+void forget(std::vector<Value>& values) {
+  if constexpr (std::is_same_v<Value, std::string>) {
+    messagememory::Release(values);
+  } else {
+    values.clear();
+  }
 }
 
 // Replaces the buffer by the encoding of the values.
@@ -121,7 +67,7 @@ char* construct(std::unique_ptr<char, FreeMemory>& buffer, const std::vector<Val
   if (bytes <= wireformat::kLongestMessage) buffer.reset(static_cast<char*>(std::malloc(bytes)));
   length = buffer ? itemLength : 0;
   if (!buffer) return nullptr;
-  (void)writeList(wireformat::Writer(buffer.get()), values);
+  (void)wireformat::WriteList(wireformat::Writer(buffer.get()), values);
   return buffer.get();
 }
 
@@ -129,25 +75,24 @@ char* construct(std::unique_ptr<char, FreeMemory>& buffer, const std::vector<Val
 
 // What the items do alike, each on its own type of value.
 // NOLINTBEGIN(bugprone-macro-parentheses): no parentheses around types
-#define VEXADX_DEFINE_ITEM(Item, Value)                                                                     \
-  Item::Item() : m_length(0) {}                                                                             \
-  Item::Item(const Item& other) : DataType(other), m_length(other.m_length), m_values(other.m_values) {}    \
-  Item::Item(Item&& other) noexcept = default;                                                              \
-  Item::~Item() = default;                                                                                  \
-  Item& Item::operator=(const Item& other) {                                                                \
-    std::vector<Value> copy = other.m_values;                                                               \
-    m_values = std::move(copy);                                                                             \
-    m_length = other.m_length;                                                                              \
-    return *this;                                                                                           \
-  }                                                                                                         \
-  char* Item::ConstructData(int& length) { return construct(m_buffer, m_values, m_length, length); }        \
-  void Item::ParseData(const void* data, int& length) { parse(data, length, m_length, m_values); }          \
-  int Item::DataLength() { return m_length = asLength(bytesOf(m_values)); }                                 \
-  int Item::Size() { return static_cast<int>(m_values.size()); }                                            \
-  Value& Item::operator[](int i) { return m_values[static_cast<std::size_t>(i)]; }                          \
-  void Item::CleanUp() { m_values.clear(); }                                                                \
-  std::size_t Item::bytes() const { return bytesOf(m_values); }                                             \
-  wireformat::Writer Item::writeTo(wireformat::Writer writer) const { return writeList(writer, m_values); } \
+#define VEXADX_DEFINE_ITEM(Item, Value)                                                                  \
+  Item::Item() : m_length(0) {}                                                                          \
+  Item::Item(const Item& other) : DataType(other), m_length(other.m_length), m_values(other.m_values) {} \
+  Item::Item(Item&& other) noexcept = default;                                                           \
+  Item::~Item() { forget(m_values); }                                                                    \
+  Item& Item::operator=(const Item& other) {                                                             \
+    std::vector<Value> copy = other.m_values;                                                            \
+    m_values = std::move(copy);                                                                          \
+    m_length = other.m_length;                                                                           \
+    return *this;                                                                                        \
+  }                                                                                                      \
+  char* Item::ConstructData(int& length) { return construct(m_buffer, m_values, m_length, length); }     \
+  void Item::ParseData(const void* data, int& length) { parse(data, length, m_length, m_values); }       \
+  int Item::DataLength() { return m_length = asLength(bytesOf(m_values)); }                              \
+  int Item::Size() { return static_cast<int>(m_values.size()); }                                         \
+  Value& Item::operator[](int i) { return m_values[static_cast<std::size_t>(i)]; }                       \
+  void Item::CleanUp() { forget(m_values); }                                                             \
+  std::size_t Item::bytes() const { return bytesOf(m_values); }                                          \
   void Item::shrinkTo(int size) { m_values.erase(m_values.begin() + size, m_values.end()); }
 
 // NOLINTEND(bugprone-macro-parentheses)

@@ -8,10 +8,10 @@
 #include <cerrno>
 #include <utility>
 
-#include "brokenpipeguard.h"
 #include "cancellationguard.h"
 #include "dxtraceline.h"
 #include "dxutils.h"
+#include "quietwrite.h"
 #include "vexadx_codes.h"
 
 using vexadx::kPipeFailed;
@@ -24,21 +24,13 @@ constexpr std::size_t kPiece = 8192;
 constexpr int kAttempts = 11;
 constexpr int kAttemptMs = 1000;
 
-// Another kind of file in a FIFO's place is nobody's end: nothing is written to it.
-bool isFifo(int descriptor) {
+// Another kind of file in a FIFO's place is nobody's end, and neither is the FIFO of a stranger: nothing is written to
+// it. The superuser is no stranger, nor is anybody to it, as it starts X processes for others.
+bool isOneOfOurs(int descriptor) {
   struct stat status;
-  return ::fstat(descriptor, &status) == 0 && S_ISFIFO(status.st_mode);
-}
-
-// How many bytes were written, or -1.
-ssize_t writeOnce(int descriptor, const char* bytes, std::size_t length) {
-  BrokenPipeGuard guard;
-  ssize_t written;
-  do {
-    written = ::write(descriptor, bytes, length);
-  } while (written == -1 && errno == EINTR);
-  if (written == -1 && errno == EPIPE) guard.NoteBrokenPipe();
-  return written;
+  if (::fstat(descriptor, &status) != 0 || !S_ISFIFO(status.st_mode)) return false;
+  const uid_t user = ::geteuid();
+  return user == 0 || status.st_uid == user || status.st_uid == 0;
 }
 
 }  // namespace
@@ -82,7 +74,7 @@ int VexaPipe::openWith(int mode) {
   do {
     descriptor = ::open(m_pipeName.c_str(), mode | O_CLOEXEC | O_NOFOLLOW);
   } while (descriptor == -1 && errno == EINTR);
-  if (descriptor != -1 && !isFifo(descriptor)) {
+  if (descriptor != -1 && !isOneOfOurs(descriptor)) {
     ::close(std::exchange(descriptor, -1));
     errno = EINVAL;
   }
@@ -134,7 +126,7 @@ int VexaPipe::WriteData(const void* buffer, int length, unsigned long*) {
   const auto* bytes = static_cast<const char*>(buffer);
   std::size_t left = static_cast<std::size_t>(std::max(length, 0));
   do {  // also nothing is written, once
-    const ssize_t written = writeOnce(m_pipe, bytes, std::min(left, kPiece));
+    const ssize_t written = QuietWrite::Once(m_pipe, bytes, std::min(left, kPiece));
     if (written == -1) return kPipeFailed;
     bytes += written;
     left -= static_cast<std::size_t>(written);

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstring>
 #include <span>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -37,20 +38,12 @@ void StoreRun(char* bytes, std::span<const Value> values) {
   }
 }
 
+// Turns values that were copied as bytes into the machine's order.
 template <typename Value>
-void LoadRun(std::span<Value> values, const char* bytes) {
-  if constexpr (vexadx::kNativeByteOrder) {
-    if (!values.empty()) std::memcpy(values.data(), bytes, values.size_bytes());
-  } else {
-    for (Value& value : values) value = Load<Value>(std::exchange(bytes, bytes + sizeof value));
+void ToNative(std::span<Value> values) {
+  if constexpr (!vexadx::kNativeByteOrder) {
+    for (Value& value : values) value = Load<Value>(reinterpret_cast<const char*>(&value));
   }
-}
-
-// Makes room for more values without making repeated growth slow.
-template <typename Value>
-void GrowBy(std::vector<Value>& values, std::size_t count) {
-  const std::size_t needed = values.size() + count;
-  if (needed > values.capacity()) values.reserve(std::max(needed, 2 * values.capacity()));
 }
 
 // In one copy for the same reason. The bytes are nowhere aligned as numbers: several are copied as bytes, but a
@@ -87,28 +80,38 @@ class Writer {
   char* m_to;
 };
 
-// Reads fields that are known to be there.
+// Reads fields that are known to be there, as MessageReader reads those that may not be.
 class Reader {
  public:
   explicit Reader(const char* from) : m_from(from) {}
 
   int Int() { return Load<int>(Skip(kIntLen)); }
   double Double() { return Load<double>(Skip(kDoubleLen)); }
-  // A count or length; a negative one is none.
+  // A negative count is none.
+  template <std::size_t kLeastBytes>
   std::size_t Count() {
-    const int count = Int();
-    return count > 0 ? static_cast<std::size_t>(count) : 0;
+    return static_cast<std::size_t>(std::max(Int(), 0));
   }
-  // Answers where the bytes passed over begin.
-  const char* Skip(std::size_t length) { return std::exchange(m_from, m_from + length); }
+  std::size_t AtHand(std::size_t count, std::size_t /*leastBytes*/) const { return count; }
+  void Text(std::string& text) {
+    const std::size_t length = Count<1>();
+    text.assign(Skip(length), length);
+  }
+  void AppendText(std::vector<std::string>& texts) {
+    const std::size_t length = Count<1>();
+    texts.emplace_back(Skip(length), length);
+  }
+  template <typename Number>
+  void Run(std::vector<Number>& values, std::size_t count) {
+    AppendRun(values, Skip(count * sizeof(Number)), count);
+  }
   const char* Position() const { return m_from; }
 
  private:
+  // Answers where the bytes passed over begin.
+  const char* Skip(std::size_t length) { return std::exchange(m_from, m_from + length); }
+
   const char* m_from;
 };
-
-// Whether the bytes are one message and nothing else: its announced length is theirs, no count or length in it is
-// negative or reaches past the end, and its fields fill it. What passes can be parsed without another look.
-bool IsMessage(std::span<const char> bytes);
 
 }  // namespace wireformat
