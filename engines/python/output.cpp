@@ -36,7 +36,7 @@ class BrokenPipeGuard {
   }
   ~BrokenPipeGuard() {
     const int saved = errno;
-    if (int taken = 0; saved == EPIPE && !m_wasPending && isPending()) sigwait(&m_brokenPipe, &taken);
+    if (int taken = 0; !m_wasPending && isPending()) sigwait(&m_brokenPipe, &taken);
     pthread_sigmask(SIG_SETMASK, &m_mask, nullptr);
     errno = saved;
   }

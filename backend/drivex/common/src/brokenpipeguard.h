@@ -30,7 +30,7 @@ class BrokenPipeGuard {
   BrokenPipeGuard(const BrokenPipeGuard&) = delete;
   BrokenPipeGuard& operator=(const BrokenPipeGuard&) = delete;
 
-  // The write failed with EPIPE: the signal that it caused is to go.
+  // The write met no reader: the signal that it may have caused is to go.
   void NoteBrokenPipe() { m_caused = true; }
 
  private:

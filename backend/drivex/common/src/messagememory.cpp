@@ -89,10 +89,9 @@ void Release(char* block) noexcept {
 void ExpectFilling(void* memory, std::size_t length) noexcept {
 #ifdef MADV_HUGEPAGE
   if (length <= kLargestKept) return;
-  constexpr std::uintptr_t kPage = 4096;
-  const auto first = reinterpret_cast<std::uintptr_t>(memory) / kPage * kPage + kPage;
-  const auto last = (reinterpret_cast<std::uintptr_t>(memory) + length) / kPage * kPage;
-  (void)::madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
+  constexpr std::size_t kPage = 4096;
+  const std::size_t beforePage = kPage - reinterpret_cast<std::uintptr_t>(memory) % kPage;
+  (void)::madvise(static_cast<char*>(memory) + beforePage, (length - beforePage) / kPage * kPage, MADV_HUGEPAGE);
 #else
   (void)memory;
   (void)length;

@@ -35,7 +35,8 @@ class QuietWrite {
 #endif
     BrokenPipeGuard guard;
     const ssize_t written = ::write(descriptor, bytes, length);
-    if (written == -1 && errno == EPIPE) guard.NoteBrokenPipe();
+    // A reader that leaves in the middle sends the signal too, though the count of what it took is the answer.
+    if (written == -1 ? errno == EPIPE : static_cast<std::size_t>(written) < length) guard.NoteBrokenPipe();
     return written;
   }
 
