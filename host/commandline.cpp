@@ -83,7 +83,8 @@ std::optional<CommandLine> ParseCommandLine(int argc, char** argv) {
   run->add_option("ENGINE", result.engine, "The engine's name, for instance PYTHON")->required();
   RunSources sources;
   sources.Declare(*run);
-  run->add_flag("--in-process", result.inProcess, "Run the engine inside this process");
+  CLI::Option* const inside = run->add_flag("--in-process", result.inProcess, "Run the engine inside this process");
+  run->add_flag("--out-of-process", result.outOfProcess, "Run the engine as a process of its own")->excludes(inside);
   run->add_flag("--threaded", result.threaded, "Run each block on a thread of its own");
   AddTrace(*run, result);
   AddJson(*run, result);

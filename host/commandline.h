@@ -16,7 +16,8 @@ struct CommandLine {
   Command command = Command::kRun;
   std::string engine;                // upper case; empty stands for every engine where one need not be named
   std::vector<BlockSource> sources;  // in the order of the command line
-  bool inProcess = false;
+  bool inProcess = false;            // neither: as configured
+  bool outOfProcess = false;
   bool threaded = false;  // each block runs on a thread of its own
   bool json = false;
   bool verbose = false;

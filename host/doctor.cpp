@@ -53,7 +53,7 @@ void Stop(Session& session) {
 
 void ExamineEngine(const std::string& name, Examination& examination) {
   XConfigOptions& options = EngineOptions(name);
-  Session session(options);
+  Session session(options, Session::Place::kThisProcess);
   std::string library;
   const auto java = [&] {
     plugincheck::RequireJava(options);

@@ -6,7 +6,10 @@ enum ExitStatus : int {
   kBlockFailed = 1,         // a block answered a code other than 0
   kWrongUsage = 2,          // command line wrong, input not readable, output not writable
   kNotStarted = 3,          // the engine could not be started
+  kEngineDied = 4,          // the engine's process died, or the connection to it broke, during the run
   kWrongConfiguration = 5,  // configuration missing or wrong
+  kNotExecutable = 126,     // the engine program cannot be run
+  kNoProgram = 127,         // the engine program is not there
   kInterrupted = 130,       // ended by Ctrl-C
   kTerminated = 143,        // ended by TERM
 };

@@ -18,6 +18,7 @@ std::atomic<int> gStep{0};
 std::atomic<bool> gBlockRunning{false};
 std::atomic<bool> gTerminated{false};
 std::atomic<void (*)()> gInterruptBlock{nullptr};
+std::atomic<void (*)()> gEndEngine{nullptr};
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free &&
               std::atomic<void (*)()>::is_always_lock_free);
 
@@ -25,6 +26,7 @@ constexpr int kEndStep = 2;
 constexpr std::array<std::string_view, kEndStep> kNotices{
     "vexadx: interrupting the block (Ctrl-C again ends the run)\n",
     "vexadx: interrupting the block and ending the run (once more leaves at once)\n"};
+constexpr std::string_view kEndsEngine = "vexadx: ending the engine and the run (once more leaves at once)\n";
 constexpr std::string_view kCannotInterrupt =
     "vexadx: this engine cannot interrupt its block (the third Ctrl-C leaves at once)\n";
 
@@ -36,10 +38,13 @@ void OnSignal(int signal) {
   gStep = step;
   if (!gBlockRunning || step > kEndStep) ::_exit(128 + signal);
 
-  void (*interruptBlock)() = gInterruptBlock;
-  const std::string_view notice = interruptBlock ? kNotices[static_cast<std::size_t>(step) - 1] : kCannotInterrupt;
+  void (*const endEngine)() = step == kEndStep ? gEndEngine.load() : nullptr;
+  void (*const act)() = endEngine ? endEngine : gInterruptBlock.load();
+  const std::string_view notice = endEngine ? kEndsEngine
+                                  : act     ? kNotices[static_cast<std::size_t>(step) - 1]
+                                            : kCannotInterrupt;
   (void)!::write(STDERR_FILENO, notice.data(), notice.size());
-  if (interruptBlock) interruptBlock();
+  if (act) act();
   errno = errnoBefore;
 }
 
@@ -62,7 +67,10 @@ void Install() {
   InstallFor(SIGTERM);
 }
 
-void SetFunction(void (*interruptBlock)()) { gInterruptBlock = interruptBlock; }
+void SetFunctions(void (*interruptBlock)(), void (*endEngine)()) {
+  gInterruptBlock = interruptBlock;
+  gEndEngine = endEngine;
+}
 
 RunningBlock::RunningBlock() : m_stepBefore(gStep) { gBlockRunning = true; }
 

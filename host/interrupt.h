@@ -4,7 +4,7 @@
 
 // What Ctrl-C (INT) and TERM do during a run. Each signal goes one step further:
 //   1  the running block is interrupted; the run goes on with the next block
-//   2  the running block is interrupted; the run ends after it
+//   2  the running block is interrupted, or its engine ended; the run ends after it
 //   3  the process ends at once
 // TERM begins at step 2. While no block runs, every signal ends the process at once. A signal that is ignored when
 // vexadx starts stays ignored.
@@ -12,8 +12,9 @@ namespace interrupt {
 
 void Install();
 
-// How the engine's running block is interrupted; null when it cannot be. From any thread.
-void SetFunction(void (*interruptBlock)());
+// How the engine's running block is interrupted, and how the engine is ended under it; null when it cannot be. From any
+// thread; the functions are called by a signal handler.
+void SetFunctions(void (*interruptBlock)(), void (*endEngine)());
 
 // A block runs while this lives. One at a time.
 class RunningBlock {

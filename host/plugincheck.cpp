@@ -1,5 +1,7 @@
 #include "plugincheck.h"
 
+#include <unistd.h>
+
 #include <filesystem>
 
 #include "PlugInDynamicLoadedLibrary.h"
@@ -89,6 +91,21 @@ void RequireEntryPoints(const std::string& libraryFile) {
       kNotStarted,
       "the plug-in library " + libraryFile + " does not export:" + missing + "; the loader says:" + loaderTexts,
       "install a complete plug-in library; the functions have to be exported with C linkage");
+}
+
+void RequireProgram(const XConfigOptions& options) {
+  const bool isJava = options.XName() == "JAVAEXTENSION";
+  const std::string program = InHome(isJava ? "JRE/bin/java" : "bin/startx");
+  std::error_code ignored;
+  if (!fs::exists(program, ignored)) {
+    throw Problem(kNoProgram, "the engine program " + program + " does not exist",
+                  isJava ? "install a Java runtime, and let the link " + InHome("JRE") + " point to it"
+                         : "install vexadx again, or set VEXA_HOME to a complete home");
+  }
+  if (!fs::is_regular_file(program, ignored) || ::access(program.c_str(), X_OK) != 0) {
+    throw Problem(kNotExecutable, "the engine program " + program + " cannot be executed",
+                  "make it executable: chmod +x " + program);
+  }
 }
 
 void RequireUsable(XConfigOptions& options) { RequireEntryPoints(LibraryFile(options, LibraryName(options))); }

@@ -21,7 +21,10 @@ std::string LibraryName(XConfigOptions& options);
 std::string LibraryFile(XConfigOptions& options, const std::string& libraryName);
 void RequireEntryPoints(const std::string& libraryFile);
 
-// All steps, for the first that fails.
+// The program of an engine with a process of its own.
+void RequireProgram(const XConfigOptions& options);
+
+// All steps of the library, for the first that fails.
 void RequireUsable(XConfigOptions& options);
 
 }  // namespace plugincheck

@@ -19,19 +19,26 @@ int PostOutput(const char* text, int length) {
   return 0;
 }
 
-void RequireInProcess(const CommandLine& commandLine, XConfigOptions& options) {
-  if (commandLine.inProcess || options.IsInnerProcess()) return;
-  throw Problem(
-      kWrongUsage, options.XName() + " would run in a process of its own, which is not available yet",
-      "add --in-process, or write INNER_PROCESS=true into the section [" + options.XName() + "] of the configuration");
+Session::Place PlaceOf(const CommandLine& commandLine, XConfigOptions& options) {
+  const bool inside = commandLine.inProcess || (options.IsInnerProcess() && !commandLine.outOfProcess);
+  return inside ? Session::Place::kThisProcess : Session::Place::kOwnProcess;
 }
 
-int RunBlocks(Session& session, std::vector<Block>& blocks, bool verbose, Report& report) {
+// A connection that breaks, and not only a block that fails, ends the run.
+void RequireEngine(Session& session, const XConfigOptions& options, int code) {
+  if (!session.HasProcess() || (code != vexadx::kPipeClosed && code != vexadx::kPipeFailed)) return;
+  throw Problem(kEngineDied, "the process of the engine " + options.XName() + ' ' + session.Death(),
+                "what the blocks had computed is gone; a run with --trace FILE shows the step it was in");
+}
+
+int RunBlocks(Session& session, const XConfigOptions& options, std::vector<Block>& blocks, bool verbose,
+              Report& report) {
   int status = kAllSucceeded;
   for (Block& block : blocks) {
     const BlockResult result = session.Run(block);
     report.Block(result, verbose);
     if (interrupt::EndRequested()) return interrupt::Status();
+    RequireEngine(session, options, result.code);
     if (result.interrupted) {
       status = interrupt::Status();
     } else if (result.code != vexadx::kSuccess && status == kAllSucceeded) {
@@ -47,20 +54,20 @@ int Run(const CommandLine& commandLine, Report& report) {
   (void)TakeHome();
   (void)CheckConfiguration(report);
   XConfigOptions& options = EngineOptions(commandLine.engine);
-  RequireInProcess(commandLine, options);
   std::vector<Block> blocks = ReadBlocks(commandLine.sources);
 
   const Trace trace(TracePath(commandLine.trace), options.XName(), report);
   SetDXGlobalInitFin(true);
   interrupt::Install();
-  Session session(options, commandLine.threaded ? Session::Thread::kOwn : Session::Thread::kCalling);
+  Session session(options, PlaceOf(commandLine, options),
+                  commandLine.threaded ? Session::Thread::kOwn : Session::Thread::kCalling);
   session.Load();
   if (report.IsJson()) {
     gOutputReport = &report;
     session.SendOutputTo(&PostOutput);
   }
   session.Start();
-  const int status = RunBlocks(session, blocks, commandLine.verbose, report);
+  const int status = RunBlocks(session, options, blocks, commandLine.verbose, report);
   if (const int code = session.Stop(); code != vexadx::kSuccess) {
     report.Warning("the engine " + options.XName() + " answered code " + std::to_string(code) + " when it was stopped",
                    "the blocks' results stand; a run with --trace FILE shows more");

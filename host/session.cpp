@@ -1,24 +1,36 @@
 #include "session.h"
 
+#include <signal.h>
+#include <string.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <iterator>
+#include <thread>
 
 #include "drivex.h"
+#include "dxglobals.h"
 #include "interrupt.h"
 #include "plugincheck.h"
 #include "vexadx_codes.h"
 #include "vexadx_plugin.h"
+#include "vexadx_process.h"
 #include "vexadx_run.h"
 
 namespace {
+
+constexpr int kLocal = 1;
 
 // Outlives every engine, as a plug-in may use it to the end.
 vexadx::HostCallback gHostCallback = [] {
   vexadx::HostCallback callback{};
   std::copy(std::begin(vexadx::kHostCallbackTag), std::end(vexadx::kHostCallbackTag), callback.tag);
   callback.size = sizeof callback;
-  callback.setInterrupt = &interrupt::SetFunction;
+  callback.setInterrupt = [](void (*function)()) { interrupt::SetFunctions(function, nullptr); };
   return callback;
 }();
 
@@ -56,42 +68,151 @@ std::string StartAdvice(const XConfigOptions& options) {
          ", the home of the language's runtime; " + trace;
 }
 
-}  // namespace
+// The engine's process, for the functions that a signal calls.
+std::atomic<pid_t> gProcess{0};
 
-Session::Session(XConfigOptions& options, Thread thread)
-    : m_options(options), m_thread(thread), m_engine(&options, true) {
-  m_engine.setup_dxcallback(&gHostCallback);
+void SignalProcess(int signal) {
+  if (const pid_t process = gProcess; process > 0) (void)::kill(process, signal);
 }
 
-void Session::SendOutputTo(int (*output)(const char* text, int length)) { m_engine.set_post_vexa_output(output); }
+void InterruptProcess() { SignalProcess(SIGINT); }
+
+void EndProcess() { SignalProcess(SIGTERM); }
+
+// The library learns of a death a moment after the pipes have told of it.
+vexadx::XProcess ProcessSoonEnded(OutpStatisticsX& engine) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+  vexadx::XProcess process = vexadx::ProcessOf(engine);
+  while (!process.hasEnded && std::chrono::steady_clock::now() < end) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    process = vexadx::ProcessOf(engine);
+  }
+  return process;
+}
+
+std::string EndText(int status) {
+  if (status == -1) return "ended";
+  if (!WIFSIGNALED(status)) return "ended with exit status " + std::to_string(WEXITSTATUS(status));
+  const int signal = WTERMSIG(status);
+  return "was ended by signal " + std::to_string(signal) + " (" + ::strsignal(signal) + ")";
+}
+
+// How a process ended that could not be started, unless the library had to end it.
+std::string OwnEnd(OutpStatisticsX* engine) {
+  const vexadx::XProcess process = engine ? vexadx::ProcessOf(*engine) : vexadx::XProcess{};
+  const bool byItself = process.hasEnded && process.status != -1 && process.status != SIGKILL;
+  return byItself ? "; its process " + EndText(process.status) : "";
+}
+
+// A driver of the registry for a scope: it gives the run its nesting level.
+class RegisteredDriver {
+ public:
+  RegisteredDriver(XManager& registry, StatisticsX& engine, XConfigOptions& options)
+      : m_registry(registry), m_driver(new BlockDriver(options.XName(), &engine, &options)) {
+    m_registry.addVexaDX(m_driver);
+  }
+  ~RegisteredDriver() { m_registry.destoryVexaDX(m_driver); }
+  RegisteredDriver(const RegisteredDriver&) = delete;
+  RegisteredDriver& operator=(const RegisteredDriver&) = delete;
+
+  BlockDriver* operator->() const { return m_driver; }
+
+ private:
+  XManager& m_registry;
+  BlockDriver* const m_driver;  // the registry's
+};
+
+}  // namespace
+
+Session::Session(XConfigOptions& options, Place place, Thread thread)
+    : m_options(options),
+      m_thread(thread),
+      m_directory(place == Place::kOwnProcess ? std::make_optional<PipeDirectory>() : std::nullopt),
+      m_pipes(m_directory ? m_directory->Path() : "", std::to_string(::getpid())) {
+  SetXPipeManager(&m_pipes);
+  SetXManager(&m_registry);
+  if (place == Place::kOwnProcess) {
+    m_engine = m_outside = new OutpStatisticsX(&options, kLocal, true);
+  } else {
+    m_engine = m_inside = new InpStatisticsX(&options, true);
+    m_engine->setup_dxcallback(&gHostCallback);
+  }
+  m_registry.addStatisticsX(options.XName(), m_engine);
+}
+
+Session::~Session() {
+  gProcess = 0;
+  m_registry.cleanup();
+  SetXManager(nullptr);
+  SetXPipeManager(nullptr);
+}
+
+void Session::SendOutputTo(int (*output)(const char* text, int length)) {
+  m_engine->set_post_vexa_output(output);
+  if (!m_outside) return;
+  m_output = std::make_unique<OutputPipe>(
+      [output](std::string_view text) { (void)output(text.data(), static_cast<int>(text.size())); });
+}
 
 void Session::Load() {
+  if (m_outside) return plugincheck::RequireProgram(m_options);
+  loadPlugin();
+}
+
+void Session::loadPlugin() {
   // A library without one of the later entry points could still be initialised, so the load is looked at by itself.
-  const int code = m_engine.loadXlib();
+  const int code = m_inside->loadXlib();
   if (code == vexadx::kSuccess) return;
   plugincheck::RequireUsable(m_options);
   throw Problem(kNotStarted, "the plug-in library of " + m_options.XName() + " cannot be used: " + CodeText(code),
                 StartAdvice(m_options));
 }
 
+int Session::initialize() {
+  const RegisteredDriver driver(m_registry, *m_engine, m_options);
+  if (!m_output) return driver->initializeX();
+  const OutputPipe::Redirection redirection(*m_output);
+  return driver->initializeX();
+}
+
 void Session::Start() {
-  const int code = DriveX(m_options.XName(), &m_engine, &m_options).initializeX();
+  const int code = initialize();
+  if (m_output) m_output->Drain();
+  if (m_outside) {
+    gProcess = vexadx::ProcessOf(*m_outside).id;
+    interrupt::SetFunctions(&InterruptProcess, &EndProcess);
+  }
   if (code == vexadx::kSuccess) return;
-  throw Problem(kNotStarted, "the engine " + m_options.XName() + " could not be started: " + CodeText(code),
+  throw Problem(kNotStarted,
+                "the engine " + m_options.XName() + " could not be started: " + CodeText(code) + OwnEnd(m_outside),
                 StartAdvice(m_options));
 }
 
 BlockResult Session::Run(Block& block) {
   using Clock = std::chrono::steady_clock;
   const Clock::time_point begin = Clock::now();
-  BlockDriver driver(m_options.XName(), &m_engine, &m_options);
-  driver.setSyntax(block.lines);
+  const RegisteredDriver driver(m_registry, *m_engine, m_options);
+  driver->setSyntax(block.lines);
   BlockResult result;
   result.name = block.name;
-  result.code = m_thread == Thread::kOwn ? driver.RunOnItsThread() : driver.invokeX();
-  result.interrupted = driver.Interrupted();
+  result.code = m_thread == Thread::kOwn ? driver->RunOnItsThread() : driver->invokeX();
+  result.interrupted = driver->Interrupted();
   result.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+  if (m_output) m_output->Drain();
   return result;
 }
 
-int Session::Stop() { return m_engine.stop_embedded_x(); }
+std::string Session::Death() {
+  const vexadx::XProcess process = ProcessSoonEnded(*m_outside);
+  return process.hasEnded ? EndText(process.status) : "no longer answers";
+}
+
+int Session::Stop() {
+  gProcess = 0;
+  return m_engine->stop_embedded_x();
+}
+
+int Session::EndCode() {
+  const vexadx::XProcess process = vexadx::ProcessOf(*m_outside);
+  return WIFSIGNALED(process.status) ? vexadx::kPipeClosed : WEXITSTATUS(process.status);
+}

@@ -1,33 +1,66 @@
 #pragma once
 
+#include <memory>
+#include <optional>
+#include <string>
+
 #include "blocks.h"
 #include "inpstatisticsx.h"
+#include "outpstatisticsx.h"
+#include "outputpipe.h"
+#include "pipedirectory.h"
 #include "report.h"
 #include "xconfigoptions.h"
+#include "xmanager.h"
+#include "xpipemanager.h"
 
-// One engine inside this process: Load, Start, blocks, Stop. Used by one thread.
+// One engine: Load, Start, blocks, Stop. Used by one thread; one session at a time.
 class Session {
  public:
+  // Where the engine lives.
+  enum class Place { kThisProcess, kOwnProcess };
+
   // Where blocks run: on the thread that calls Run, or each on one of its own.
   enum class Thread { kCalling, kOwn };
 
-  // Opens the plug-in library. The options must outlive the session.
-  explicit Session(XConfigOptions& options, Thread thread = Thread::kCalling);
+  // The options must outlive the session. Throws Problem when there can be no pipes.
+  Session(XConfigOptions& options, Place place, Thread thread = Thread::kCalling);
+  ~Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
 
-  // The blocks' output goes to the function instead of the process's streams.
+  // The blocks' output goes to the function instead of the process's streams. Before Start.
   void SendOutputTo(int (*output)(const char* text, int length));
 
-  // Each throws Problem when the engine cannot be used.
+  // Load opens the plug-in library, or looks whether there is an engine program. Each throws Problem when the engine
+  // cannot be used.
   void Load();
   void Start();
 
   BlockResult Run(Block& block);
 
+  bool HasProcess() const { return m_outside != nullptr; }
+
+  // What became of the engine's process, in words, after a block answered the code of a broken connection.
+  std::string Death();
+
   // The engine's code.
   int Stop();
 
+  // Of an engine whose process ends with its run: its exit status, or the code of a connection that broke.
+  int EndCode();
+
  private:
+  void loadPlugin();
+  int initialize();
+
   XConfigOptions& m_options;
   const Thread m_thread;
-  InpStatisticsX m_engine;
+  std::optional<PipeDirectory> m_directory;
+  std::unique_ptr<OutputPipe> m_output;
+  XPipeManager m_pipes;
+  XManager m_registry;  // owns the engine
+  InpStatisticsX* m_inside = nullptr;
+  OutpStatisticsX* m_outside = nullptr;
+  StatisticsX* m_engine = nullptr;  // one of the two
 };

@@ -94,7 +94,7 @@ TEST_F(VexadxTest, WrongUsageIsExplained) {
       {{"run", "CTEST"}, {"nothing to run", "-e"}},
       {{"run", "CTEST", "-", good, "-"}, {"standard input", "once"}},
       {{"run", "JULIA", good}, {"no engine JULIA", "CTEST, PYTHON", "X=", "vexadxcfg.ini"}},
-      {{"run", "PYTHON", good}, {"not available", "--in-process", "INNER_PROCESS=true", "[PYTHON]"}},
+      {{"run", "CTEST", good, "--in-process", "--out-of-process"}, {"--in-process", "--out-of-process"}},
       {{"run", "CTEST", good, home.Path("gone.txt")}, {"gone.txt", "No such file"}},
       {{"run", "CTEST", good, home.Path()}, {home.Path(), "directory"}},
       {{"run", "CTEST", good, nul}, {nul, "NUL byte", "offset 2", "UTF-8"}},
@@ -208,8 +208,10 @@ TEST_F(VexadxTest, TheTraceHasTheStepsInOrderOnEitherThread) {
     if (threaded) arguments.emplace_back("--threaded");
     EXPECT_EQ(1, RunVexadx(arguments).status);
     Strings texts = TraceTexts(trace);
-    // What the runtimes did to the host's state is their business.
-    std::erase_if(texts, [](const std::string& text) { return text.starts_with("HostStateGuard"); });
+    // What the runtimes did to the host's state is their business, and nothing goes through the pipes.
+    std::erase_if(texts, [](const std::string& text) {
+      return text.starts_with("HostStateGuard") || text.starts_with("syntax") || text.starts_with("xdapi");
+    });
     ASSERT_LE(expected.size(), texts.size());
     texts.resize(expected.size());  // the engine is stopped once more when it is destroyed
     EXPECT_EQ(expected, texts);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -54,6 +55,9 @@ class VEXADX_API AsyCsPipe1 {
   bool isServer() const;
 
  private:
+  friend class DXCmdDispatcher;
+
+  VEXADX_HIDDEN void renewEnds(bool ownToo);
   template <typename Answer>
   VEXADX_HIDDEN int answerRequests(Answer answer, const char* received, const char* sent);
 
@@ -66,7 +70,8 @@ class VEXADX_API AsyCsPipe1 {
 
 class DXCmdDispatcherVisitor;
 
-// Commands over a pair of pipes: a key and arguments one way, a result code the other. One thread at a time.
+// Commands over a pair of pipes: a key and arguments one way, a result code the other. Commands may be sent by several
+// threads, one exchange after the other; everything else is for one thread at a time.
 class VEXADX_API DXCmdDispatcher {
  public:
   // The high half spells "DX".
@@ -93,7 +98,14 @@ class VEXADX_API DXCmdDispatcher {
   int receiveCmd(DXCmdDispatcherVisitor* visitor);
 
  private:
+  friend class XPipeSuit;
+
+  // For a new server: this side's descriptors are closed, and files that the earlier one left are gone. This side's own
+  // file is made anew when `ownToo` is set.
+  VEXADX_HIDDEN void renewEnds(bool ownToo);
+
   std::unique_ptr<AsyCsPipe1> m_csPipe;
+  std::mutex m_exchange;
 };
 
 // Turns requests into commands. The X process overrides cmdDispatcher.

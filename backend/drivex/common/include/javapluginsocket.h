@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+
 #include "vexadx_export.h"
 
 // The host's side of the connection of the Java extension process: listens on a port, accepts the one connection,
@@ -40,6 +42,11 @@ class VEXADX_API JavaPlugInSocket {
   int CloseSocket();
 
  private:
+  friend class OutpStatisticsX;
+
+  // AcceptSocket, unless the connection is no longer awaited, which is asked ten times a second.
+  VEXADX_HIDDEN int acceptWhile(const std::function<bool()>& isAwaited);
+
   int m_listenSocket;  // -1: none, like the next
   int m_connSocket;
   int m_port;

@@ -16,6 +16,7 @@ constexpr int kPipeBroken = 109;        // a monitor wrote to a pipe that nobody
 constexpr int kPipeClosed = 99103;      // the other end has closed the pipe or the connection
 constexpr int kPipeFailed = 99104;   // a pipe could not be made, opened, read or written, or brought what is no message
 constexpr int kPipeUnnamed = 99106;  // a pipe without a name
+constexpr int kProcessNotAlive = 99107;    // the X process could not be started, or was gone half a second later
 constexpr int kLibraryNotLoaded = 99114;   // the plug-in library could not be loaded, or lacks a mandatory entry point
 constexpr int kNotInitialized = 99115;     // the engine has not been initialised, or its initialisation failed
 constexpr int kThreadNotStarted = 99116;   // the thread of a run could not be started
@@ -23,6 +24,7 @@ constexpr int kNoLibraryName = 99118;      // no plug-in library is configured f
 constexpr int kSocketNotAccepted = 99121;  // the socket could not be created, or no connection accepted on it
 constexpr int kSocketFailed =
     99122;  // the socket could not be bound, sent or received on, or brought what is no message
+constexpr int kJavaNotAlive = 99123;  // the Java extension process had ended half a second after it was to connect
 constexpr int kPythonNotPrepared = 999988;  // the pre-action of the X named PYTHON answered 1; nothing was executed
 
 // What one of these codes means, in one line without a full stop; null for any other code. The text is static.

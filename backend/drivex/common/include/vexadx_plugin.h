@@ -29,6 +29,12 @@ inline constexpr std::array<PluginEntryPoint, 7> kPluginEntryPoints{{{"setup_dxc
 // (GetXLibName). Asks the Java preferences for the directory.
 VEXADX_API std::string PluginLibraryPath(XConfigOptions& options, const std::string& libName);
 
+// The same in a directory; empty stands for that of the home. Asks nobody.
+VEXADX_API std::string PluginLibraryFile(const std::string& directory, const std::string& libName);
+
+// The arguments with which an X is started, separated by blanks: those of the options, or else the ones usual for it.
+VEXADX_API std::string StartArguments(XConfigOptions& options);
+
 constexpr char kHostCallbackTag[8] = {'V', 'X', 'D', 'X', 'H', 'C', 'B', '1'};
 
 // The table that our hosts hand to a plug-in through setup_dxcallback. A plug-in looks at the tag first and ignores a

@@ -66,6 +66,11 @@ class VEXADX_API VexaPipe {
 
  private:
   friend class MonitorThread;  // waits for the descriptor and for its own stop at once
+  friend class AsyCsPipe1;
+  friend class XPipes;
+
+  // Closes the pipe and removes a FIFO of ours, so that who has it open still does not meet a new other end.
+  VEXADX_HIDDEN void renewEnd();
 
   VEXADX_HIDDEN int openWith(int mode);
   VEXADX_HIDDEN int openToWrite(int mode, const char* operation);

@@ -39,6 +39,9 @@ class VEXADX_API XPipes {
   VexaPipe* GetXDAPIResultPipe();
 
  private:
+  friend class XPipeSuit;
+
+  VEXADX_HIDDEN void renewEnds(bool ownToo);
   VEXADX_HIDDEN std::unique_ptr<VexaPipe> named(const std::string& role) const;
 
   std::string m_prefix;
@@ -84,6 +87,12 @@ class VEXADX_API XPipeSuit {
   int stopMonitor(bool p2c);
 
  private:
+  friend class OutpStatisticsX;
+
+  // Before a new X process: none of an earlier one's files is there, and with `ownToo` no descriptor or file of this
+  // side either that it may know.
+  VEXADX_HIDDEN void renewEnds(bool ownToo);
+
   std::string m_xname;
   XPipeManager* m_manager;
   int m_pipe_index;

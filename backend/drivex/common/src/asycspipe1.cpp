@@ -45,6 +45,13 @@ int AsyCsPipe1::closePipe() {
   return kSuccess;
 }
 
+void AsyCsPipe1::renewEnds(bool ownToo) {
+  (void)closePipe();
+  (m_isServer ? m_clientPipe : m_serverPipe)->renewEnd();
+  if (ownToo) (m_isServer ? m_serverPipe : m_clientPipe)->renewEnd();
+  (void)openPipe();
+}
+
 int AsyCsPipe1::connectClient() {
   DxAssert(m_isServer, "m_isServer", "connectClient", kSourceFile);
   if (m_serverPipe->IsWritePipeConnected()) return kSuccess;
@@ -118,6 +125,7 @@ int DXCmdDispatcher::connectPeer() {
 int DXCmdDispatcher::sendCmd(CmdKey key) { return sendCmd(key, {}); }
 
 int DXCmdDispatcher::sendCmd(CmdKey key, const std::vector<std::string>& arguments) {
+  const std::lock_guard exchange(m_exchange);
   CleXDSmb request;
   CleXDSmb reply;
   request.SetLong(key);
@@ -128,6 +136,8 @@ int DXCmdDispatcher::sendCmd(CmdKey key, const std::vector<std::string>& argumen
   if (GetDxTracer()) TraceLine({"cmd return: ", std::to_string(code)});
   return code;
 }
+
+void DXCmdDispatcher::renewEnds(bool ownToo) { m_csPipe->renewEnds(ownToo); }
 
 int DXCmdDispatcher::receiveCmd(DXCmdDispatcherVisitor* visitor) { return m_csPipe->receive(visitor); }
 

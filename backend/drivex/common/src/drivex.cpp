@@ -6,6 +6,7 @@
 #include "dxassert.h"
 #include "dxtraceline.h"
 #include "vexadx_codes.h"
+#include "vexadx_plugin.h"
 #include "xcmdargument.h"
 
 namespace {
@@ -14,13 +15,6 @@ constexpr const char* kSourceFile = "backend/drivex/common/src/drivex";
 
 // A pre-action of PYTHON that answers this has its own code as the run's.
 constexpr int kPythonPreActionFailed = 1;
-
-std::string startArguments(XConfigOptions& options) {
-  if (const std::string& configured = options.GetXArgs(); !configured.empty()) return configured;
-  if (options.XName() == "R") return "--silent --no-save";
-  if (options.XName() == "JAVAEXTENSION") return "JavaExtension";
-  return "";
-}
 
 std::string joined(const std::vector<std::string>& lines) {
   std::size_t length = 0;
@@ -49,7 +43,7 @@ DriveX::~DriveX() { delete m_thread; }
 
 int DriveX::initializeX() {
   if (m_ximpl->isIntialized()) return vexadx::kSuccess;
-  XCmdArgument arguments(startArguments(*m_option));
+  XCmdArgument arguments(vexadx::StartArguments(*m_option));
   return m_ximpl->init_embedded_x(arguments.argc(), arguments.argv());
 }
 

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -22,6 +23,7 @@ namespace {
 
 constexpr int kBacklog = 5;
 constexpr std::size_t kPiece = 8192;
+constexpr int kLookMs = 100;
 
 #ifdef MSG_NOSIGNAL
 constexpr int kNoSignal = MSG_NOSIGNAL;
@@ -100,6 +102,14 @@ int JavaPlugInSocket::AcceptSocket() {
   const int on = 1;
   (void)::setsockopt(m_connSocket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   return kSuccess;
+}
+
+int JavaPlugInSocket::acceptWhile(const std::function<bool()>& isAwaited) {
+  pollfd waited{m_listenSocket, POLLIN, 0};
+  while (::poll(&waited, 1, kLookMs) <= 0) {
+    if (!isAwaited()) return kSocketNotAccepted;
+  }
+  return AcceptSocket();
 }
 
 void JavaPlugInSocket::SetSocketPort(int port) { m_port = port; }

@@ -22,6 +22,8 @@ const char* ResultText(int code) {
       return "a pipe could not be made, opened, read or written";
     case kPipeUnnamed:
       return "a pipe has no name";
+    case kProcessNotAlive:
+      return "the engine's process could not be started, or ended at once";
     case kLibraryNotLoaded:
       return "the plug-in library could not be loaded, or an entry point it must export is missing";
     case kNotInitialized:
@@ -34,6 +36,8 @@ const char* ResultText(int code) {
       return "the socket could not be created, or no connection was accepted on it";
     case kSocketFailed:
       return "the socket could not be bound, sent or received on";
+    case kJavaNotAlive:
+      return "the Java extension's process ended before it could be used";
     case kPythonNotPrepared:
       return "the pre-action of the Python engine answered 1 and nothing was executed";
     default:

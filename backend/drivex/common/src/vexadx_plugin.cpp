@@ -8,10 +8,20 @@
 namespace vexadx {
 
 std::string PluginLibraryPath(XConfigOptions& options, const std::string& libName) {
-  std::string path = options.GetXLibPath();
-  if (path.empty()) path = std::string(GetVEXAHOME()) + "/lib/";
+  return PluginLibraryFile(options.GetXLibPath(), libName);
+}
+
+std::string PluginLibraryFile(const std::string& directory, const std::string& libName) {
+  std::string path = directory.empty() ? std::string(GetVEXAHOME()) + "/lib/" : directory;
   DecoratePathEnd(path);
   return PlugInDecorateDynamicPathName(path + libName);
+}
+
+std::string StartArguments(XConfigOptions& options) {
+  if (const std::string& configured = options.GetXArgs(); !configured.empty()) return configured;
+  if (options.XName() == "R") return "--silent --no-save";
+  if (options.XName() == "JAVAEXTENSION") return "JavaExtension";
+  return "";
 }
 
 }  // namespace vexadx

@@ -11,6 +11,7 @@
 #include "cancellationguard.h"
 #include "dxtraceline.h"
 #include "dxutils.h"
+#include "peerwatch.h"
 #include "quietwrite.h"
 #include "vexadx_codes.h"
 
@@ -26,9 +27,8 @@ constexpr int kAttemptMs = 1000;
 
 // Another kind of file in a FIFO's place is nobody's end, and neither is the FIFO of a stranger: nothing is written to
 // it. The superuser is no stranger, nor is anybody to it, as it starts X processes for others.
-bool isOneOfOurs(int descriptor) {
-  struct stat status;
-  if (::fstat(descriptor, &status) != 0 || !S_ISFIFO(status.st_mode)) return false;
+bool isOneOfOurs(const struct stat& status) {
+  if (!S_ISFIFO(status.st_mode)) return false;
   const uid_t user = ::geteuid();
   return user == 0 || status.st_uid == user || status.st_uid == 0;
 }
@@ -44,6 +44,13 @@ VexaPipe::~VexaPipe() {
   const CancellationGuard noCancellation;
   if (HasPipe()) (void)ClosePipe();
   (void)::unlink(m_pipeName.c_str());
+}
+
+void VexaPipe::renewEnd() {
+  (void)ClosePipe();
+  m_pipeCreated = false;
+  struct stat status;
+  if (::lstat(m_pipeName.c_str(), &status) == 0 && isOneOfOurs(status)) (void)::unlink(m_pipeName.c_str());
 }
 
 void VexaPipe::SetPipeName(std::string name) { m_pipeName = std::move(name); }
@@ -70,11 +77,15 @@ int VexaPipe::CreatePipe() {
 
 // The old descriptor is closed after the new one exists, so that the other end never sees the pipe without this one.
 int VexaPipe::openWith(int mode) {
+  const PeerWatch::Wait wait(
+      (mode & O_ACCMODE) == O_WRONLY ? PeerWatch::Wait::kOpenToWrite : PeerWatch::Wait::kOpenToRead, m_pipeName);
+  if (wait.PeerIsGone()) mode |= O_NONBLOCK;
   int descriptor;
   do {
     descriptor = ::open(m_pipeName.c_str(), mode | O_CLOEXEC | O_NOFOLLOW);
   } while (descriptor == -1 && errno == EINTR);
-  if (descriptor != -1 && !isOneOfOurs(descriptor)) {
+  struct stat status;
+  if (descriptor != -1 && (::fstat(descriptor, &status) != 0 || !isOneOfOurs(status))) {
     ::close(std::exchange(descriptor, -1));
     errno = EINVAL;
   }
@@ -125,7 +136,12 @@ int VexaPipe::VEXACreateFileR() {
 int VexaPipe::WriteData(const void* buffer, int length, unsigned long*) {
   const auto* bytes = static_cast<const char*>(buffer);
   std::size_t left = static_cast<std::size_t>(std::max(length, 0));
+  const PeerWatch::Wait wait(PeerWatch::Wait::kWrite, m_pipeName);
   do {  // also nothing is written, once
+    if (wait.PeerIsGone()) {
+      errno = EPIPE;
+      return kPipeFailed;
+    }
     const ssize_t written = QuietWrite::Once(m_pipe, bytes, std::min(left, kPiece));
     if (written == -1) return kPipeFailed;
     bytes += written;
@@ -135,10 +151,14 @@ int VexaPipe::WriteData(const void* buffer, int length, unsigned long*) {
 }
 
 int VexaPipe::ReadData(int length, void* buffer, unsigned long& count) {
-  ssize_t got;
-  do {
-    got = ::read(m_pipe, buffer, static_cast<std::size_t>(std::max(length, 0)));
-  } while (got == -1 && errno == EINTR);
+  PeerWatch::Wait wait(PeerWatch::Wait::kRead, m_pipeName);
+  ssize_t got = 0;
+  if (!wait.PeerIsGone() || wait.HasLeft(m_pipe)) {
+    do {
+      got = ::read(m_pipe, buffer, static_cast<std::size_t>(std::max(length, 0)));
+    } while (got == -1 && errno == EINTR);
+    got = wait.Left(m_pipe, got);
+  }
   if (got == -1) return kPipeFailed;
   count = static_cast<unsigned long>(got);
   return kSuccess;

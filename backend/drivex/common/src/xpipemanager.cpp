@@ -58,6 +58,12 @@ VexaPipe* XPipes::GetXDAPIResultPipe() {
   return m_xdapiResultPipe.get();
 }
 
+void XPipes::renewEnds(bool ownToo) {
+  GetSyntaxPipe()->renewEnd();
+  if (!ownToo) return;
+  for (VexaPipe* const pipe : {GetSyntaxResultPipe(), GetXDAPIPipe(), GetXDAPIResultPipe()}) pipe->renewEnd();
+}
+
 XPipeSuit::XPipeSuit(std::string xName, XPipeManager* manager)
     : m_xname(std::move(xName)), m_manager(manager), m_pipe_index(-1) {
   DxAssert(m_manager != nullptr, "m_manager", "XPipeSuit", kSourceFile);
@@ -98,6 +104,11 @@ XPipes* XPipeSuit::getXPipes() {
 DXCmdDispatcher* XPipeSuit::getCmdDispatcher(bool isServer) {
   if (!m_dispatcher) m_dispatcher = std::make_unique<DXCmdDispatcher>(getPipeNamePrefix(), isServer);
   return m_dispatcher.get();
+}
+
+void XPipeSuit::renewEnds(bool ownToo) {
+  getCmdDispatcher(false)->renewEnds(ownToo);
+  for (const auto& pipes : m_pipes) pipes->renewEnds(ownToo);
 }
 
 MonitorThread* XPipeSuit::startMonitor(bool p2c, void* handler) {

@@ -1,0 +1,305 @@
+#include "outpstatisticsx.h"
+
+#include <signal.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+#include "clexdsmb.h"
+#include "dxglobals.h"
+#include "dxtraceline.h"
+#include "dxutils.h"
+#include "framing.h"
+#include "javaextensionsmb.h"
+#include "javapluginsocket.h"
+#include "peerwatch.h"
+#include "vexadeploy.h"
+#include "vexadx_codes.h"
+#include "xpipemanager.h"
+
+using vexadx::kSuccess;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr int kStartMs = 500;
+constexpr int kReadyChecks = 100;
+constexpr int kReadyCheckMs = 100;
+constexpr auto kStopped = 2s;  // the time that a process has to end once it was told to stop, or was killed
+constexpr auto kKilled = 1s;
+constexpr auto kJavaLook = 100ms;
+
+constexpr int kUserNotChanged = 1;
+constexpr int kNotExecuted = 255;
+constexpr int kLargestErrorNumber = 133;
+
+void writeToStandardOutput(std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = ::write(STDOUT_FILENO, text.data(), text.size());
+    if (written <= 0) return;
+    text.remove_prefix(static_cast<std::size_t>(written));
+  }
+}
+
+// What the child of a fork does until it is another program. Everything that takes memory is made before: another
+// thread may have held the allocator's lock when the process was copied.
+class Launch {
+ public:
+  Launch(XCmdArgument& arguments, XCmdArgument& environment)
+      : m_program(arguments.argumentAt(0)), m_arguments(arguments.argv()), m_environment(environment.argv()) {
+    for (int number = 0; number <= kLargestErrorNumber; ++number) {
+      m_errorLines.push_back(std::string(std::strerror(number)) + '\n');
+    }
+  }
+
+  // The process's id for the parent, -1 when there is no child.
+  pid_t Fork() const {
+    const pid_t process = ::fork();
+    if (process == 0) becomeTheProgram();
+    return process;
+  }
+
+ private:
+  [[noreturn]] void becomeTheProgram() const {
+    const uid_t user = ::geteuid();
+    const gid_t group = ::getegid();
+    if (::seteuid(::getuid()) != 0 || ::setgid(group) != 0 || ::setuid(user) != 0) {
+      writeToStandardOutput("Failed to change user in some way\n");
+      ::_exit(kUserNotChanged);
+    }
+    (void)::execve(m_program, m_arguments, m_environment);
+    const auto number = static_cast<std::size_t>(errno);
+    writeToStandardOutput(number < m_errorLines.size() ? m_errorLines[number] : m_errorLines[0]);
+    ::_exit(kNotExecuted);
+  }
+
+  const char* const m_program;
+  char* const* const m_arguments;
+  char* const* const m_environment;
+  std::vector<std::string> m_errorLines;  // by error number
+};
+
+const char* modeName(int mode) { return mode != 0 ? "LOCAL" : "REMOTE"; }
+
+std::string inHome(const std::string& relative) {
+  std::string path = GetVEXAHOME();
+  DecoratePathEnd(path);
+  return path + relative;
+}
+
+}  // namespace
+
+OutpStatisticsX::OutpStatisticsX(XConfigOptions* options, int mode, bool vexaDrive)
+    : StatisticsX(vexaDrive), m_options(options), m_processId(-1), m_mode(mode), m_isJava(false), m_stopping(false) {}
+
+OutpStatisticsX::~OutpStatisticsX() { (void)stop_embedded_x(); }
+
+int OutpStatisticsX::x_init_embedded_x(int argc, char** argv) {
+  if (argc < 1 || std::string_view(argv[0]) != "JavaExtension") return stat_start_x();
+  m_isJava = true;
+  return stat_start_java();
+}
+
+int OutpStatisticsX::x_stop_embedded_x() { return stat_stop_x(); }
+
+int OutpStatisticsX::x_pre_action() { return m_isJava ? setup_java_run() : setup_x_run(); }
+
+int OutpStatisticsX::x_post_action() { return m_isJava ? exit_java_run() : exit_x_run(); }
+
+void OutpStatisticsX::x_set_post_vexa_output(int (* /*output*/)(const char* text, int length)) {}
+int OutpStatisticsX::x_get_library_lock() { return 0; }
+int OutpStatisticsX::x_release_library_lock() { return 0; }
+
+XPipeSuit& OutpStatisticsX::suit() const { return *GetXPipeManager()->getPipeSuit(m_options->XName()); }
+
+int OutpStatisticsX::startProcess(XCmdArgument& arguments) {
+  XCmdArgument environment;
+  pushEnv(environment);
+  const Launch launch(arguments, environment);
+  m_processId = -1;
+  m_watch = PeerWatch::Make();
+  if (!m_watch) return vexadx::kProcessNotAlive;
+  m_processId = launch.Fork();
+  m_watch->Begin(m_processId);
+  return kSuccess;
+}
+
+// Before another one is started. What is left of an earlier one must not meet it: not the process, which removes its
+// files when it ends, nor descriptors of the same pipes.
+void OutpStatisticsX::leaveEarlierProcess() {
+  const bool isFirst = !m_watch;
+  if (!isFirst) {
+    if (m_stopping) (void)m_watch->AwaitEnd(kStopped);
+    endProcess();
+    m_stopping = false;
+  }
+  if (!m_isJava) suit().renewEnds(!isFirst);
+}
+
+void OutpStatisticsX::endProcess() {
+  m_watch->Signal(SIGKILL);
+  (void)m_watch->AwaitEnd(kKilled);
+  m_watch->Reap();
+}
+
+int OutpStatisticsX::stat_start_x() {
+  static const std::string NameOfStartX = "startx";
+  XCmdArgument arguments;
+  arguments.pushArgument(inHome("bin/" + NameOfStartX), false);
+  arguments.pushArgument(modeName(m_mode), false);
+  arguments.pushArgument(GetXPipeManager()->getPipePath(), false);
+  arguments.pushArgument(GetXPipeManager()->getPipePid(), false);
+  arguments.pushArgument(m_options->XName(), false);
+  if (m_options->XName() == "R") {
+    arguments.pushArgument('"' + m_options->GetXHome() + '"', false);
+    arguments.pushArgument(m_options->GetXLibName(), false);
+    arguments.pushArgument(m_options->GetXLibPath(), false);
+  }
+  (void)suit().getXPipes();  // a driver of the X is registered
+  leaveEarlierProcess();
+  int code = startProcess(arguments);
+  if (code == kSuccess) {
+    msleep(kStartMs);
+    code = isXProcessActive() ? checkReady() : vexadx::kProcessNotAlive;
+  }
+  if (code != kSuccess && m_watch) endProcess();
+  return code;
+}
+
+int OutpStatisticsX::checkReady() {
+  const PeerWatch::Operation operation(m_watch);
+  DXCmdDispatcher* const commands = suit().getCmdDispatcher(false);
+  (void)commands->connectPeer();
+  int code = commands->sendCmd(DXCmdDispatcher::kPingDX);
+  for (int checks = 1; code != kSuccess && checks < kReadyChecks; ++checks) {
+    msleep(kReadyCheckMs);
+    code = commands->sendCmd(DXCmdDispatcher::kPingDX);
+  }
+  TraceCode("stat_start_x result", code);
+  return code;
+}
+
+int OutpStatisticsX::stat_start_java() {
+  static const std::string NameOfJava = "java";
+  JavaPlugInSocket* const socket = GetJavaExtSocket();
+  if (!socket || socket->CreateSocket() != kSuccess) return vexadx::kSocketFailed;
+  const bool subscribed = IsApplicationOnCloud() || IsApplicationOnThinClient();
+  XCmdArgument arguments;
+  arguments.pushArgument(inHome("JRE/bin/" + NameOfJava), false);
+  arguments.pushArgument(std::string("-Dversioninfo.apptype=") + (subscribed ? "Subscription" : "OnPrem"), false);
+  arguments.pushArgument("com.zel.statistics.plugin.Extension", false);
+  arguments.pushArgument(modeName(m_mode), false);
+  arguments.pushArgument(std::to_string(socket->GetSocketPort()), false);
+  arguments.pushArgument(JavaExtensionSmb().GetCommandName(), false);
+
+  leaveEarlierProcess();
+  int code = startProcess(arguments);
+  if (code == kSuccess) {
+    code = socket->acceptWhile([this] { return !m_watch->HasEnded(); });
+    msleep(kStartMs);
+    m_watch->Reap();  // one that has ended is not there
+    if (!isXProcessActive()) code = vexadx::kJavaNotAlive;
+  } else {
+    code = vexadx::kJavaNotAlive;
+  }
+  TraceCode("stat_start_java result", code);
+  if (code != kSuccess && m_watch) endProcess();
+  return code;
+}
+
+int OutpStatisticsX::stat_stop_x() {
+  int code = kSuccess;
+  if (isXProcessActive()) {
+    const PeerWatch::Operation operation(m_watch);
+    code = suit().getCmdDispatcher(false)->sendCmd(DXCmdDispatcher::kStopDX);
+    TraceCode("stat_stop_x cmdDispatcher sendCmd", code);
+  } else {
+    TraceLine("stat_stop_x: x process has already exited ");
+  }
+  (void)suit().stopMonitor(false);
+  (void)suit().stopMonitor(true);
+  if (m_watch) {
+    m_stopping = true;
+    if (m_isJava) m_watch->Signal(SIGTERM);  // it serves no commands
+    m_watch->Reap();
+  }
+  return code;
+}
+
+int OutpStatisticsX::setup_x_run() {
+  const PeerWatch::Operation operation(m_watch);
+  XPipeSuit& pipes = suit();
+  VexaPipe* const result = pipes.getXPipes()->GetSyntaxResultPipe();
+  if (result->IsPipeCreated()) {
+    TraceLine("setup_x_run syntaxResultPipe has CreatePipe");
+  } else {
+    if (const int code = result->CreatePipe(); code != kSuccess) {
+      TraceCode("setup_x_run syntaxResultPipe CreatePipe", code);
+      return code;
+    }
+    (void)result->DisconnectPipe();
+  }
+  int code = pipes.getCmdDispatcher(false)->sendCmd(DXCmdDispatcher::kSetupRunDX);
+  TraceCode("setup_x_run cmdDispatcher sendCmd", code);
+  if (code != kSuccess) return code;
+  if (!result->IsWritePipeConnected()) (void)result->ConnectPipe();
+  CleXDSmb reply;
+  return ReceiveData(result, reply, true);
+}
+
+int OutpStatisticsX::exit_x_run() {
+  const PeerWatch::Operation operation(m_watch);
+  const int code = suit().getCmdDispatcher(false)->sendCmd(DXCmdDispatcher::kExitRunDX);
+  TraceCode("exit_x_run cmdDispatcher sendCmd", code);
+  return code;
+}
+
+int OutpStatisticsX::setup_java_run() { return kSuccess; }
+
+int OutpStatisticsX::exit_java_run() { return kSuccess; }
+
+int OutpStatisticsX::x_execute_x(char* syntax) {
+  if (m_isJava) return executeJava();
+  const PeerWatch::Operation operation(m_watch);
+  XPipes* const pipes = suit().getXPipes();
+  CleXDSmb request;
+  request.SetString(syntax);
+  int code = SendData(pipes->GetSyntaxPipe(), request, false);
+  TraceCode("x_execute_x SendData syntaxPipe", code);
+  if (code != kSuccess) return code;
+  CleXDSmb reply;
+  code = ReceiveData(pipes->GetSyntaxResultPipe(), reply, true);
+  TraceCode("x_execute_x ReceiveData syntaxResultPipe", code);
+  return code;
+}
+
+int OutpStatisticsX::executeJava() {
+  JavaExtensionSmb message;
+  const int code = SendData(GetJavaExtSocket(), message);
+  TraceCode("x_execute_x SendData syntaxSocket", code);
+  if (code != kSuccess) return code;
+  while (isXProcessActive()) {
+    if (m_watch->AwaitEnd(kJavaLook)) m_watch->Reap();
+    ::pthread_testcancel();
+  }
+  return code;
+}
+
+bool OutpStatisticsX::isXProcessActive() {
+  if (!isVexaDrive()) return true;
+  return m_watch && !m_watch->IsGone();
+}
+
+vexadx::XProcess vexadx::ProcessOf(OutpStatisticsX& engine) {
+  XProcess process;
+  if (!engine.m_watch) return process;
+  process.hasEnded = engine.m_watch->HasEnded();
+  if (!engine.m_watch->IsGone()) process.id = engine.m_processId;
+  if (process.hasEnded) process.status = engine.m_watch->EndStatus().value_or(-1);
+  return process;
+}

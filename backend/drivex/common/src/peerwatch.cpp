@@ -1,0 +1,264 @@
+#include "peerwatch.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#ifdef __linux__
+#include <poll.h>
+#include <sys/syscall.h>
+#endif
+#ifdef __APPLE__
+#include <sys/event.h>
+#endif
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "cancellationguard.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kSlowLook = 50ms;  // where the system does not tell of a death
+constexpr auto kReleaseEach = 1ms;
+
+class Descriptor {
+ public:
+  explicit Descriptor(int descriptor) : m_descriptor(descriptor) {}
+  ~Descriptor() {
+    if (m_descriptor != -1) ::close(m_descriptor);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  operator int() const { return m_descriptor; }
+
+ private:
+  const int m_descriptor;
+};
+
+// A file that is no FIFO is nobody's other end.
+Descriptor openOtherEnd(const char* pipe, int mode) {
+  const int descriptor = ::open(pipe, mode | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
+  struct stat status;
+  if (descriptor != -1 && (::fstat(descriptor, &status) != 0 || !S_ISFIFO(status.st_mode))) {
+    ::close(descriptor);
+    return Descriptor(-1);
+  }
+  return Descriptor(descriptor);
+}
+
+int bytesIn(int descriptor) {
+  int count = 0;
+  return ::ioctl(descriptor, FIONREAD, &count) == 0 ? count : 0;
+}
+
+// A child's death by itself, without reaping it. False: it is no child to wait for any more, or lives.
+bool hasDied(pid_t process, siginfo_t& info) {
+  info.si_pid = 0;
+  return ::waitid(P_PID, static_cast<id_t>(process), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == process;
+}
+
+bool isThere(pid_t process) { return ::kill(process, 0) == 0 || errno != ESRCH; }
+
+void awaitDeathSlowly(pid_t process) {
+  siginfo_t info;
+  while (isThere(process) && !hasDied(process, info)) std::this_thread::sleep_for(kSlowLook);
+}
+
+#if defined(__linux__) && defined(SYS_pidfd_open)
+void awaitDeath(pid_t process) {
+  const Descriptor descriptor(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
+  if (descriptor == -1) return awaitDeathSlowly(process);
+  pollfd waited{descriptor, POLLIN, 0};
+  while (::poll(&waited, 1, -1) == -1 && errno == EINTR) {
+  }
+}
+#elif defined(__APPLE__)
+void awaitDeath(pid_t process) {
+  const Descriptor queue(::kqueue());
+  struct kevent change;
+  EV_SET(&change, process, EVFILT_PROC, EV_ADD | EV_ONESHOT, NOTE_EXIT, 0, nullptr);
+  struct kevent event;
+  int count;
+  do {
+    count = ::kevent(queue, &change, 1, &event, 1, nullptr);
+  } while (count == -1 && errno == EINTR);
+  awaitDeathSlowly(process);  // at once when the event has come
+}
+#else
+void awaitDeath(pid_t process) { awaitDeathSlowly(process); }
+#endif
+
+int waitStatus(const siginfo_t& info) {
+  return info.si_code == CLD_EXITED ? (info.si_status & 0xff) << 8 : info.si_status & 0x7f;
+}
+
+}  // namespace
+
+constinit thread_local PeerWatch::Operation* PeerWatch::Operation::current = nullptr;
+
+std::shared_ptr<PeerWatch> PeerWatch::Make() {
+  // The host's signals are for the host's threads, and the one of a broken pipe is for nobody.
+  sigset_t all;
+  sigset_t mask;
+  ::sigfillset(&all);
+  ::pthread_sigmask(SIG_SETMASK, &all, &mask);
+  std::shared_ptr<PeerWatch> watch;
+  try {
+    watch = std::make_shared<PeerWatch>();
+    std::thread([watch] { watch->watch(); }).detach();
+  } catch (const std::bad_alloc&) {
+    watch.reset();
+  } catch (const std::system_error&) {
+    watch.reset();
+  }
+  ::pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+  return watch;
+}
+
+void PeerWatch::Begin(pid_t process) {
+  const std::lock_guard lock(m_guard);
+  m_begun = true;
+  m_process = process;
+  m_gone = process <= 0;
+  m_ended = m_gone;
+  m_changed.notify_all();
+}
+
+void PeerWatch::watch() {
+  pid_t process;
+  {
+    std::unique_lock lock(m_guard);
+    m_changed.wait(lock, [this] { return m_begun; });
+    if (m_gone) return;
+    process = m_process;
+  }
+  awaitDeath(process);
+  noteEnd();
+  releaseWaits();
+}
+
+void PeerWatch::noteEnd() {
+  const std::lock_guard lock(m_guard);
+  siginfo_t info;
+  if (!m_gone && hasDied(m_process, info)) {
+    m_status = waitStatus(info);
+  } else {
+    m_gone = true;  // somebody else's wait, or nobody's, has taken it
+  }
+  m_ended = true;
+  if (m_reapLater) (void)reapNow();
+  m_changed.notify_all();
+}
+
+bool PeerWatch::AwaitEnd(std::chrono::milliseconds atMost) {
+  const CancellationGuard noCancellation;  // none passes through the standard library's wait
+  std::unique_lock lock(m_guard);
+  return m_changed.wait_for(lock, atMost, [this] { return m_ended.load(); });
+}
+
+bool PeerWatch::IsGone() {
+  const std::lock_guard lock(m_guard);
+  if (!m_gone && !isThere(m_process)) m_gone = true;
+  return m_gone;
+}
+
+// A child that was stopped is also told of, and not reaped.
+bool PeerWatch::reapNow() {
+  if (m_gone) return true;
+  int status = 0;
+  const pid_t reaped = ::waitpid(m_process, &status, WNOHANG | WUNTRACED);
+  if (reaped == m_process && !WIFSTOPPED(status)) {
+    m_status = status;
+    m_gone = true;
+  } else if (reaped == -1 && errno == ECHILD) {
+    m_gone = true;
+  }
+  return m_gone;
+}
+
+void PeerWatch::Reap() {
+  const std::lock_guard lock(m_guard);
+  m_reapLater = !reapNow();
+}
+
+void PeerWatch::Signal(int number) {
+  const std::lock_guard lock(m_guard);
+  if (!m_gone) (void)::kill(m_process, number);
+}
+
+std::optional<int> PeerWatch::EndStatus() {
+  const std::lock_guard lock(m_guard);
+  return m_status;
+}
+
+// Waits that began before the death was noted; those of later calls do not wait.
+void PeerWatch::releaseWaits() {
+  for (bool anyWaits = true; anyWaits; std::this_thread::sleep_for(kReleaseEach)) {
+    const std::lock_guard lock(m_guard);
+    anyWaits = false;
+    for (Operation* const operation : m_operations) {
+      const int kind = operation->m_waiting;
+      if (kind == Wait::kNone) continue;
+      operation->release(kind);
+      anyWaits = true;
+    }
+  }
+}
+
+PeerWatch::Operation::Operation(std::shared_ptr<PeerWatch> watch) : m_watch(std::move(watch)) {
+  if (!m_watch) return;
+  const std::lock_guard lock(m_watch->m_guard);
+  m_watch->m_operations.push_back(this);
+  current = this;
+}
+
+PeerWatch::Operation::~Operation() {
+  if (!m_watch) return;
+  current = nullptr;
+  const std::lock_guard lock(m_watch->m_guard);
+  std::erase(m_watch->m_operations, this);
+}
+
+// Does what the other end would do: opens; closes, or lets go with a byte where another process has the pipe open;
+// reads.
+void PeerWatch::Operation::release(int kind) {
+  const bool toWrite = kind == Wait::kOpenToRead || kind == Wait::kRead;
+  const Descriptor other = openOtherEnd(m_pipe, toWrite ? O_WRONLY : O_RDONLY);
+  if (other == -1) return;
+  if (kind == Wait::kRead && !m_byteInPipe) m_byteInPipe = ::write(other, "", 1) == 1;
+  if (kind == Wait::kWrite) {
+    char discarded[4096];
+    while (::read(other, discarded, sizeof discarded) > 0) {
+    }
+  }
+}
+
+void PeerWatch::Wait::begin(Kind kind, const std::string& pipe) {
+  if (PeerIsGone()) return;
+  m_operation->m_pipe = pipe.c_str();
+  m_operation->m_waiting = kind;
+}
+
+bool PeerWatch::Wait::HasLeft(int descriptor) {
+  const std::lock_guard lock(m_operation->m_watch->m_guard);
+  return bytesIn(descriptor) > (m_operation->m_byteInPipe ? 1 : 0);
+}
+
+ssize_t PeerWatch::Wait::Left(int descriptor, ssize_t got) {
+  if (got <= 0 || !PeerIsGone()) return got;
+  const std::lock_guard lock(m_operation->m_watch->m_guard);
+  if (!m_operation->m_byteInPipe || bytesIn(descriptor) > 0) return got;
+  m_operation->m_byteInPipe = false;
+  return got - 1;
+}

@@ -1,0 +1,118 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+// Watches one process that this one has started, and stands in for it when it has died: an engine's operation that then
+// waits for it in a pipe is released, also when a process that it left behind still holds the pipe. The operation goes
+// on as if the other end had been closed.
+//
+// Used by the engine's threads. The thread that watches lives until the process has died.
+class PeerWatch {
+ public:
+  class Operation;
+  class Wait;
+
+  // Null when there is no memory or thread for it. Begin follows, come what may.
+  static std::shared_ptr<PeerWatch> Make();
+
+  PeerWatch() = default;
+  PeerWatch(const PeerWatch&) = delete;
+  PeerWatch& operator=(const PeerWatch&) = delete;
+
+  // The child to watch, once. An id that is not positive stands for none: nothing is watched, nor ever signalled.
+  void Begin(pid_t process);
+
+  // It has died; it may still be there to be reaped.
+  bool HasEnded() const { return m_ended; }
+
+  // Waits for that, at most so long; answers whether it has.
+  bool AwaitEnd(std::chrono::milliseconds atMost);
+
+  // It is not there any more; then it never is again, whoever gets its number.
+  bool IsGone();
+
+  // Reaps it if it has died; or else as soon as it does.
+  void Reap();
+
+  // Sends a signal while its number is still its own.
+  void Signal(int number);
+
+  // The wait status with which it died; none while it lives, and when the system does not tell.
+  std::optional<int> EndStatus();
+
+ private:
+  void watch();
+  void noteEnd();
+  void releaseWaits();
+  bool reapNow();  // whether it is gone. REQUIRES: the lock is held
+
+  std::mutex m_guard;
+  std::condition_variable m_changed;
+  std::atomic<bool> m_ended{false};
+  pid_t m_process = -1;
+  bool m_begun = false;
+  bool m_gone = true;
+  bool m_reapLater = false;
+  std::optional<int> m_status;
+  std::vector<Operation*> m_operations;
+};
+
+// Marks an engine's operation on the calling thread, from construction to destruction: its waits are released. Without
+// a watch it is none. Operations are not nested.
+class PeerWatch::Operation {
+ public:
+  explicit Operation(std::shared_ptr<PeerWatch> watch);
+  ~Operation();
+  Operation(const Operation&) = delete;
+  Operation& operator=(const Operation&) = delete;
+
+ private:
+  friend class PeerWatch;
+  friend class Wait;
+
+  void release(int kind);  // REQUIRES: the watch's lock is held
+
+  static constinit thread_local Operation* current;
+
+  const std::shared_ptr<PeerWatch> m_watch;
+  std::atomic<int> m_waiting{0};  // for what, a Wait::Kind
+  const char* m_pipe = nullptr;   // where; not changed any more once the death is noted
+  bool m_byteInPipe = false;      // one that released a read, until it is read. Guarded by the watch's lock
+};
+
+// One call on a pipe that waits for the other end. The call is made between construction and destruction; only an
+// operation's waits are more than a look at a variable.
+class PeerWatch::Wait {
+ public:
+  enum Kind : int { kNone, kOpenToRead, kOpenToWrite, kRead, kWrite };
+
+  Wait(Kind kind, const std::string& pipe) : m_operation(Operation::current) {
+    if (m_operation) begin(kind, pipe);
+  }
+  ~Wait() {
+    if (m_operation) m_operation->m_waiting = kNone;
+  }
+  Wait(const Wait&) = delete;
+  Wait& operator=(const Wait&) = delete;
+
+  // Asked before the call: then it must not wait, for nobody will release it.
+  bool PeerIsGone() const { return m_operation && m_operation->m_watch->m_ended; }
+
+  // A read when the peer is gone: whether it has left anything to read, and what the call has got of that.
+  bool HasLeft(int descriptor);
+  ssize_t Left(int descriptor, ssize_t got);
+
+ private:
+  void begin(Kind kind, const std::string& pipe);
+
+  Operation* const m_operation;
+};

@@ -1,0 +1,92 @@
+#include <signal.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <thread>
+
+#include "dxglobals.h"
+#include "environment.h"
+#include "hostwatch.h"
+#include "levels.h"
+#include "plugin.h"
+#include "server.h"
+#include "vexadx_plugin.h"
+#include "vexadxconfigreader.h"
+#include "xcmdargument.h"
+
+namespace {
+
+constexpr int kWrongUsage = 2;
+
+// What the host says on the command line.
+struct Arguments {
+  std::string pipeDirectory;
+  std::string pipeId;
+  std::string xName;
+  std::string libraryName;  // with a directory only for R
+  std::string libraryDirectory;
+};
+
+bool read(int argc, char** argv, Arguments& arguments) {
+  if (argc != 5 && argc != 8) return false;
+  arguments.pipeDirectory = argv[2];
+  arguments.pipeId = argv[3];
+  arguments.xName = argv[4];
+  if (argc == 8) {
+    arguments.libraryName = argv[6];
+    arguments.libraryDirectory = argv[7];
+  }
+  return true;
+}
+
+// From the configuration itself, which needs no Java machine as the preferences do.
+std::string libraryFile(const Arguments& arguments, XConfigOptions& options) {
+  std::string name = arguments.libraryName;
+  if (name.empty()) name = options.GetOption(XConfigOptions::KEY_LIB_NAME);
+  if (name.empty()) name = options.GetXLibName();
+  std::string directory = arguments.libraryDirectory;
+  if (directory.empty()) directory = options.GetOption(XConfigOptions::KEY_LIB_PATH);
+  return vexadx::PluginLibraryFile(directory, name);
+}
+
+int startPlugin(Plugin& plugin, const Arguments& arguments, XConfigOptions& options) {
+  XCmdArgument start(vexadx::StartArguments(options));
+  return plugin.Start(libraryFile(arguments, options), start.argc(), start.argv());
+}
+
+void interruptBlocks(int) { Plugin::Interrupt(); }
+
+// System calls of a block are not restarted, so that it notices.
+void takeInterrupts() {
+  struct sigaction action {};
+  action.sa_handler = &interruptBlocks;
+  (void)::sigaction(SIGINT, &action, nullptr);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const pid_t host = ::getppid();
+  StandAlone();
+  ClearEnvironment();
+  Arguments arguments;
+  if (!read(argc, argv, arguments)) {
+    (void)std::fprintf(
+        stderr, "usage: %s LOCAL|REMOTE PIPE-DIRECTORY PIPE-ID X [HOME LIBRARY-NAME LIBRARY-DIRECTORY]\n", argv[0]);
+    return kWrongUsage;
+  }
+  XConfigOptions& options = *VexaDXConfigReader::GetInstance()->GetOptions(arguments.xName);
+  Plugin plugin;
+  Levels levels(arguments.pipeDirectory, arguments.pipeId + arguments.xName);
+  Server server(plugin, levels, arguments.pipeDirectory + arguments.pipeId + arguments.xName, options.IsNestable());
+  takeInterrupts();
+  std::thread([&server, host] {
+    AwaitHostsEnd(host);
+    server.LeaveHost();
+  }).detach();
+  server.ServeCommands();
+  server.NoteStart(startPlugin(plugin, arguments, options));
+  server.RunBlocks();
+}

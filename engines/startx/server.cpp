@@ -1,0 +1,256 @@
+#include "server.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <thread>
+#include <utility>
+
+#include "framing.h"
+#include "vexadx_codes.h"
+#include "xpipemanager.h"
+
+using vexadx::kSuccess;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr int kEndCommands = -1;  // what ends the library's loop once the reply has been sent
+constexpr int kNestedRunRefused = 2;
+constexpr unsigned kLeaveSeconds = 1;
+constexpr auto kInterruptEach = 50ms;
+
+// Threads that take no signals: those are the main thread's, whose system calls they end.
+std::thread quietThread(std::function<void()> work) {
+  sigset_t all;
+  sigset_t mask;
+  ::sigfillset(&all);
+  ::pthread_sigmask(SIG_SETMASK, &all, &mask);
+  std::thread thread(std::move(work));
+  ::pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+  return thread;
+}
+
+// Lets the thread be cancelled for a scope: while it waits for a block, never while it executes one.
+class Cancellable {
+ public:
+  Cancellable() { ::pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr); }
+  ~Cancellable() { ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); }
+  Cancellable(const Cancellable&) = delete;
+  Cancellable& operator=(const Cancellable&) = delete;
+};
+
+void killGroup(int) { ::kill(0, SIGKILL); }
+
+void endProcess(int) { ::_exit(1); }
+
+// Calls the function when the time is over, on this thread if need be.
+void limitTime(void (*function)(int)) {
+  struct sigaction action {};
+  action.sa_handler = function;
+  (void)::sigaction(SIGALRM, &action, nullptr);
+  sigset_t alarm;
+  ::sigemptyset(&alarm);
+  ::sigaddset(&alarm, SIGALRM);
+  ::pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
+  (void)::alarm(kLeaveSeconds);
+}
+
+}  // namespace
+
+// A run's level and its pipes. The block pipe is made here, the result pipe is the host's.
+struct Server::Level {
+  Level(const std::string& prefix, int levelNumber)
+      : number(levelNumber),
+        blocks(prefix + std::to_string(number) + XPipes::SYNTAX_PIPE),
+        results(prefix + std::to_string(number) + XPipes::SYNTAX_RESULT_PIPE),
+        created(blocks.CreatePipe()) {}
+  ~Level() {
+    if (thread.joinable()) {
+      ::pthread_cancel(thread.native_handle());  // it may wait for a block that will not come
+      thread.join();
+    }
+    results.SetPipeName("");  // the host's file stays
+  }
+  Level(const Level&) = delete;
+  Level& operator=(const Level&) = delete;
+
+  // A host that is gone shows at the commands.
+  void Reply(int code) {
+    CleXDSmb message;
+    message.SetErrorCode(code);
+    const std::lock_guard lock(replying);
+    (void)SendData(&results, message, true);
+  }
+
+  const int number;
+  VexaPipe blocks;
+  VexaPipe results;
+  const int created;
+  std::atomic<bool> isSetUp{false};
+  std::mutex replying;
+  std::thread thread;  // of a nested level
+};
+
+Server::Server(Plugin& plugin, Levels& levels, std::string prefix, bool isNestable)
+    : m_plugin(plugin),
+      m_levels(levels),
+      m_prefix(std::move(prefix)),
+      m_process(::getpid()),
+      m_isNestable(isNestable) {}
+
+Server::~Server() = default;
+
+void Server::ServeCommands() {
+  m_outermost = std::make_unique<Level>(m_prefix, 0);
+  m_commands = std::make_unique<DXCmdDispatcher>(m_prefix, true);
+  quietThread([this] { serve(); }).detach();
+}
+
+void Server::serve() {
+  while (m_commands->receiveCmd(this) == kSuccess) {
+    if (m_told) leave(&endProcess);
+    if (m_beginning) finishBeginning();
+  }
+  LeaveHost();
+}
+
+void Server::LeaveHost() {
+  m_levels.RemoveAllPipes();
+  leave(&killGroup);
+}
+
+// One command at a time: a run begins after its command has been answered.
+int Server::VisitReceiver(CleXDSmb& request, CleXDSmb& reply) {
+  (void)DXCmdDispatcherVisitor::VisitReceiver(request, reply);
+  return kEndCommands;
+}
+
+int Server::cmdDispatcher(DXCmdDispatcher::CmdKey key, const std::vector<std::string>& /*arguments*/) {
+  switch (key) {
+    case DXCmdDispatcher::kPingDX:
+      return awaitStart();
+    case DXCmdDispatcher::kSetupRunDX:
+      return beginRun();
+    case DXCmdDispatcher::kExitRunDX:
+      return endRun();
+    case DXCmdDispatcher::kStopDX:
+      m_told = true;
+      break;
+  }
+  return kSuccess;
+}
+
+void Server::NoteStart(int code) {
+  const std::lock_guard lock(m_guard);
+  m_started = true;
+  m_startCode = code;
+  m_changed.notify_all();
+}
+
+int Server::awaitStart() {
+  std::unique_lock lock(m_guard);
+  m_changed.wait(lock, [this] { return m_started; });
+  return m_startCode;
+}
+
+// A level that has a run already lost its host's interest in that, and what was nested in it did as well.
+int Server::beginRun() {
+  if (const int code = awaitStart(); code != kSuccess) return code;
+  const int number = m_levels.Highest();
+  if (number < 0) return vexadx::kPipeFailed;
+  if (number > 0 && !m_isNestable) return kNestedRunRefused;
+  while (!m_nested.empty() && m_nested.back()->number >= number) m_nested.pop_back();
+  if (number == 0) {
+    m_beginning = m_outermost.get();
+  } else {
+    m_beginning = m_nested.emplace_back(std::make_unique<Level>(m_prefix, number)).get();
+  }
+  return m_beginning->created;
+}
+
+void Server::finishBeginning() {
+  Level& level = *std::exchange(m_beginning, nullptr);
+  const int code = m_plugin.PreAction();
+  level.isSetUp = code == kSuccess;
+  const bool isNested = &level != m_outermost.get();
+  if (isNested && code == kSuccess) {
+    level.thread = quietThread([this, &level] {
+      ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+      executeNext(level);
+    });
+  }
+  level.Reply(code);
+  if (isNested && code != kSuccess) m_nested.pop_back();  // no end of the run follows
+}
+
+int Server::endRun() {
+  const bool isNested = !m_nested.empty();
+  Level& level = isNested ? *m_nested.back() : *m_outermost;
+  if (!level.isSetUp.exchange(false)) return vexadx::kNotInitialized;
+  const int code = m_plugin.PostAction();
+  if (isNested) m_nested.pop_back();
+  return code;
+}
+
+void Server::RunBlocks() {
+  for (;;) executeNext(*m_outermost);
+}
+
+void Server::executeNext(Level& level) {
+  CleXDSmb block;
+  const int received = receive(level, block);
+  if (received == vexadx::kPipeClosed) {
+    (void)level.blocks.ClosePipe();  // the next open waits for a host
+    return;
+  }
+  level.Reply(received == vexadx::kPipeFailed ? received : execute(level, block));
+}
+
+int Server::receive(Level& level, CleXDSmb& block) {
+  const Cancellable whileItWaits;
+  return ReceiveData(&level.blocks, block, true);
+}
+
+int Server::execute(Level& level, CleXDSmb& block) {
+  if (!level.isSetUp) return vexadx::kNotInitialized;
+  noteBlocks(1);
+  std::string text = block.GetSingleString();
+  const int code = m_plugin.Execute(text.data());
+  (void)std::fflush(nullptr);               // what the language wrote comes before its code
+  if (::getpid() != m_process) ::_exit(0);  // a child that the block forked is not the host's to talk to
+  noteBlocks(-1);
+  return code;
+}
+
+void Server::noteBlocks(int more) {
+  const std::lock_guard lock(m_guard);
+  m_executing += more;
+  m_changed.notify_all();
+}
+
+// The commands and the host's end may both come to this.
+void Server::leave(void (*whenTimeIsOver)(int)) {
+  if (m_leaving.exchange(true)) {
+    for (;;) ::pause();
+  }
+  limitTime(whenTimeIsOver);
+  for (const char* own : {"_s", "0syntax"}) (void)::unlink((m_prefix + own).c_str());
+  {
+    std::unique_lock lock(m_guard);
+    while (m_executing > 0) {
+      Plugin::Interrupt();
+      m_changed.wait_for(lock, kInterruptEach);
+    }
+  }
+  (void)m_plugin.Stop();
+  (void)std::fflush(nullptr);
+  if (whenTimeIsOver == &killGroup) killGroup(SIGALRM);
+  ::_exit(0);
+}
