@@ -26,6 +26,8 @@ constexpr int kNestedRunRefused = 2;
 constexpr unsigned kLeaveSeconds = 1;
 constexpr auto kInterruptEach = 50ms;
 
+std::atomic<bool> gIsCopy{false};  // of the process that the host started
+
 // Threads that take no signals: those are the main thread's, whose system calls they end.
 std::thread quietThread(std::function<void()> work) {
   sigset_t all;
@@ -81,12 +83,20 @@ struct Server::Level {
   Level(const Level&) = delete;
   Level& operator=(const Level&) = delete;
 
-  // A host that is gone shows at the commands.
-  void Reply(int code) {
+  // Whether the host has opened the other end, at an earlier run.
+  bool CanReply() {
+    const std::lock_guard lock(replying);
+    return results.IsWritePipeConnected();
+  }
+
+  // False when the host has closed the other end. One that is gone shows at the commands.
+  bool Reply(int code) {
     CleXDSmb message;
     message.SetErrorCode(code);
     const std::lock_guard lock(replying);
-    (void)SendData(&results, message, true);
+    const bool sent = SendData(&results, message, true) == kSuccess;
+    if (!sent) (void)results.ClosePipe();
+    return sent;
   }
 
   const int number;
@@ -99,15 +109,12 @@ struct Server::Level {
 };
 
 Server::Server(Plugin& plugin, Levels& levels, std::string prefix, bool isNestable)
-    : m_plugin(plugin),
-      m_levels(levels),
-      m_prefix(std::move(prefix)),
-      m_process(::getpid()),
-      m_isNestable(isNestable) {}
+    : m_plugin(plugin), m_levels(levels), m_prefix(std::move(prefix)), m_isNestable(isNestable) {}
 
 Server::~Server() = default;
 
 void Server::ServeCommands() {
+  (void)::pthread_atfork(nullptr, nullptr, [] { gIsCopy = true; });
   m_outermost = std::make_unique<Level>(m_prefix, 0);
   m_commands = std::make_unique<DXCmdDispatcher>(m_prefix, true);
   quietThread([this] { serve(); }).detach();
@@ -116,7 +123,7 @@ void Server::ServeCommands() {
 void Server::serve() {
   while (m_commands->receiveCmd(this) == kSuccess) {
     if (m_told) leave(&endProcess);
-    if (m_beginning) finishBeginning();
+    if (m_beginning) replyToBeginning();
   }
   LeaveHost();
 }
@@ -167,27 +174,29 @@ int Server::beginRun() {
   if (number < 0) return vexadx::kPipeFailed;
   if (number > 0 && !m_isNestable) return kNestedRunRefused;
   while (!m_nested.empty() && m_nested.back()->number >= number) m_nested.pop_back();
-  if (number == 0) {
-    m_beginning = m_outermost.get();
-  } else {
-    m_beginning = m_nested.emplace_back(std::make_unique<Level>(m_prefix, number)).get();
-  }
-  return m_beginning->created;
+  m_beginning =
+      number == 0 ? m_outermost.get() : m_nested.emplace_back(std::make_unique<Level>(m_prefix, number)).get();
+  if (m_beginning->created != kSuccess) return std::exchange(m_beginning, nullptr)->created;
+  m_beginCode = m_plugin.PreAction();
+  // The host opens the result pipe of a first run when it has the command's answer. Later it finds both answers at
+  // once.
+  if (m_beginning->CanReply()) replyToBeginning();
+  return kSuccess;
 }
 
-void Server::finishBeginning() {
-  Level& level = *std::exchange(m_beginning, nullptr);
-  const int code = m_plugin.PreAction();
-  level.isSetUp = code == kSuccess;
+void Server::replyToBeginning() {
+  Level& level = *m_beginning;
   const bool isNested = &level != m_outermost.get();
-  if (isNested && code == kSuccess) {
+  level.isSetUp = m_beginCode == kSuccess;
+  if (isNested && level.isSetUp && !level.thread.joinable()) {
     level.thread = quietThread([this, &level] {
       ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
       executeNext(level);
     });
   }
-  level.Reply(code);
-  if (isNested && code != kSuccess) m_nested.pop_back();  // no end of the run follows
+  if (!level.Reply(m_beginCode)) return;
+  m_beginning = nullptr;
+  if (isNested && !level.isSetUp) m_nested.pop_back();  // no end of the run follows
 }
 
 int Server::endRun() {
@@ -223,8 +232,8 @@ int Server::execute(Level& level, CleXDSmb& block) {
   noteBlocks(1);
   std::string text = block.GetSingleString();
   const int code = m_plugin.Execute(text.data());
-  (void)std::fflush(nullptr);               // what the language wrote comes before its code
-  if (::getpid() != m_process) ::_exit(0);  // a child that the block forked is not the host's to talk to
+  (void)std::fflush(nullptr);  // what the language wrote comes before its code
+  if (gIsCopy) ::_exit(0);     // a child that the block forked has nothing to tell the host
   noteBlocks(-1);
   return code;
 }

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <atomic>
 #include <condition_variable>
 #include <memory>
@@ -46,7 +44,7 @@ class Server : private DXCmdDispatcherVisitor {
   void serve();
   int awaitStart();
   int beginRun();
-  void finishBeginning();
+  void replyToBeginning();
   int endRun();
   void executeNext(Level& level);
   static int receive(Level& level, CleXDSmb& block);
@@ -57,12 +55,12 @@ class Server : private DXCmdDispatcherVisitor {
   Plugin& m_plugin;
   Levels& m_levels;
   const std::string m_prefix;
-  const pid_t m_process;
   const bool m_isNestable;
   std::unique_ptr<DXCmdDispatcher> m_commands;
   std::unique_ptr<Level> m_outermost;
   std::vector<std::unique_ptr<Level>> m_nested;  // runs that are active, the innermost last
-  Level* m_beginning = nullptr;                  // its run begins once the command has been answered
+  Level* m_beginning = nullptr;                  // whose pre-action has not been replied to
+  int m_beginCode = 0;                           // of that pre-action
   bool m_told = false;                           // to stop
   std::atomic<bool> m_leaving{false};
 
