@@ -63,6 +63,33 @@ void CheckSources(const std::vector<BlockSource>& sources) {
   }
 }
 
+// Answers the group that these options make up.
+CLI::App* AddJavaCommand(CLI::App& run, JavaCommand& command) {
+  CLI::App* group = run.add_option_group("Java extension", std::string("What a block runs in ") + kJavaExtension);
+  group->add_option("--command", command.name, "The command, named as its class")->type_name("NAME");
+  group->add_option("--extension-path", command.extensionPath, "Directories of NAME.jar, separated by \":\"")
+      ->type_name("PATH");
+  group->add_flag_callback(
+      "--no-package", [&command] { command.isPackage = false; }, "The extension path is a class path instead");
+  return group;
+}
+
+void CheckEngineOptions(const CommandLine& commandLine, bool hasJavaOptions) {
+  if (commandLine.engine != kJavaExtension) {
+    if (!hasJavaOptions) return;
+    throw Problem(kWrongUsage, "--command, --extension-path and --no-package are for " + std::string(kJavaExtension),
+                  "leave them out, or name that engine instead of " + commandLine.engine);
+  }
+  if (commandLine.javaCommand.name.empty()) {
+    throw Problem(kWrongUsage, std::string(kJavaExtension) + " does not know which command to run",
+                  "name the command's class with --command NAME");
+  }
+  if (commandLine.inProcess) {
+    throw Problem(kWrongUsage, std::string(kJavaExtension) + " always runs in a process of its own",
+                  "leave out --in-process");
+  }
+}
+
 void AddTrace(CLI::App& command, CommandLine& result) {
   command.add_option("--trace", result.trace, "Trace file, instead of the configured one")->type_name("FILE");
 }
@@ -89,6 +116,7 @@ std::optional<CommandLine> ParseCommandLine(int argc, char** argv) {
   AddTrace(*run, result);
   AddJson(*run, result);
   run->add_flag("--verbose", result.verbose, "Report successful blocks, too");
+  const CLI::App* javaOptions = AddJavaCommand(*run, result.javaCommand);
 
   CLI::App* engines = app.add_subcommand("engines", "List the configured engines");
   AddJson(*engines, result);
@@ -111,6 +139,7 @@ std::optional<CommandLine> ParseCommandLine(int argc, char** argv) {
   if (doctor->parsed()) result.command = CommandLine::Command::kDoctor;
   if (run->parsed()) {
     result.sources = sources.InOrder(*run);
+    CheckEngineOptions(result, javaOptions->count_all() > 0);
     CheckSources(result.sources);
   }
   return result;

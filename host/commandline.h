@@ -11,6 +11,16 @@ struct BlockSource {
   std::string value;  // the file's path, or the text itself
 };
 
+// The engine whose blocks each run a command in a Java process of their own.
+inline constexpr const char* kJavaExtension = "JAVAEXTENSION";
+
+// The command that a block for it runs.
+struct JavaCommand {
+  std::string name;                 // of the class
+  std::string extensionPath = ".";  // where it is, separated by ":"
+  bool isPackage = true;            // the path names directories that hold <name>.jar, not a class path
+};
+
 struct CommandLine {
   enum class Command { kRun, kEngines, kDoctor };
   Command command = Command::kRun;
@@ -22,6 +32,7 @@ struct CommandLine {
   bool json = false;
   bool verbose = false;
   std::string trace;  // empty: as configured
+  JavaCommand javaCommand;
 };
 
 // Throws Problem for wrong usage. Nothing comes back when printing help or the version was all that was asked.

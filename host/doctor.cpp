@@ -4,6 +4,7 @@
 #include "commands.h"
 #include "dxglobals.h"
 #include "installation.h"
+#include "javaextension.h"
 #include "plugincheck.h"
 #include "session.h"
 #include "trace.h"
@@ -51,7 +52,14 @@ void Stop(Session& session) {
                 "a run with --trace FILE shows more");
 }
 
+// Its process runs one command and ends, so there is nothing to start by way of trial.
+void ExamineJavaExtension(Examination& examination) {
+  (void)(examination.Check(kJavaExtension, "java", &JavaProgram) &&
+         examination.Check(kJavaExtension, "archive", &JavaPlugInArchive));
+}
+
 void ExamineEngine(const std::string& name, Examination& examination) {
+  if (name == kJavaExtension) return ExamineJavaExtension(examination);
   XConfigOptions& options = EngineOptions(name);
   Session session(options, Session::Place::kThisProcess);
   std::string library;

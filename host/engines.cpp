@@ -1,6 +1,21 @@
 #include "commands.h"
 #include "installation.h"
+#include "javaextension.h"
 #include "plugincheck.h"
+
+namespace {
+
+// The file that makes the engine one. Throws Problem when it would not run.
+std::string FileOf(const std::string& name) {
+  if (name == kJavaExtension) {
+    (void)JavaProgram();
+    return JavaPlugInArchive();
+  }
+  XConfigOptions& options = EngineOptions(name);
+  return plugincheck::LibraryFile(options, plugincheck::LibraryName(options));
+}
+
+}  // namespace
 
 int Engines(Report& report) {
   (void)TakeHome();
@@ -8,8 +23,7 @@ int Engines(Report& report) {
   for (const std::string& name : ConfiguredEngines()) {
     EngineState engine{name, true, "", ""};
     try {
-      XConfigOptions& options = EngineOptions(name);
-      engine.library = plugincheck::LibraryFile(options, plugincheck::LibraryName(options));
+      engine.library = FileOf(name);
     } catch (const Problem& problem) {
       engine.found = false;
       engine.reason = problem.what();

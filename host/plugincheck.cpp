@@ -93,14 +93,12 @@ void RequireEntryPoints(const std::string& libraryFile) {
       "install a complete plug-in library; the functions have to be exported with C linkage");
 }
 
-void RequireProgram(const XConfigOptions& options) {
-  const bool isJava = options.XName() == "JAVAEXTENSION";
-  const std::string program = InHome(isJava ? "JRE/bin/java" : "bin/startx");
+void RequireProgram() {
+  const std::string program = InHome("bin/startx");
   std::error_code ignored;
   if (!fs::exists(program, ignored)) {
     throw Problem(kNoProgram, "the engine program " + program + " does not exist",
-                  isJava ? "install a Java runtime, and let the link " + InHome("JRE") + " point to it"
-                         : "install vexadx again, or set VEXA_HOME to a complete home");
+                  "install vexadx again, or set VEXA_HOME to a complete home");
   }
   if (!fs::is_regular_file(program, ignored) || ::access(program.c_str(), X_OK) != 0) {
     throw Problem(kNotExecutable, "the engine program " + program + " cannot be executed",

@@ -21,8 +21,8 @@ std::string LibraryName(XConfigOptions& options);
 std::string LibraryFile(XConfigOptions& options, const std::string& libraryName);
 void RequireEntryPoints(const std::string& libraryFile);
 
-// The program of an engine with a process of its own.
-void RequireProgram(const XConfigOptions& options);
+// The program that a plug-in library has in a process of its own.
+void RequireProgram();
 
 // All steps of the library, for the first that fails.
 void RequireUsable(XConfigOptions& options);

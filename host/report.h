@@ -22,7 +22,7 @@ struct BlockResult {
 struct EngineState {
   std::string name;
   bool found = false;
-  std::string library;  // the library's file; empty when none can be named
+  std::string library;  // the file of the library, or of the Java archive; empty when none can be named
   std::string reason;   // why it was not found
 };
 

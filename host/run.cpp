@@ -5,6 +5,7 @@
 #include "dxglobals.h"
 #include "installation.h"
 #include "interrupt.h"
+#include "javaextension.h"
 #include "session.h"
 #include "trace.h"
 #include "vexadx_codes.h"
@@ -20,7 +21,8 @@ int PostOutput(const char* text, int length) {
 }
 
 Session::Place PlaceOf(const CommandLine& commandLine, XConfigOptions& options) {
-  const bool inside = commandLine.inProcess || (options.IsInnerProcess() && !commandLine.outOfProcess);
+  const bool configured = options.IsInnerProcess() && options.XName() != kJavaExtension;
+  const bool inside = commandLine.inProcess || (configured && !commandLine.outOfProcess);
   return inside ? Session::Place::kThisProcess : Session::Place::kOwnProcess;
 }
 
@@ -31,12 +33,30 @@ void RequireEngine(Session& session, const XConfigOptions& options, int code) {
                 "what the blocks had computed is gone; a run with --trace FILE shows the step it was in");
 }
 
-int RunBlocks(Session& session, const XConfigOptions& options, std::vector<Block>& blocks, bool verbose,
-              Report& report) {
+void Stop(Session& session, const XConfigOptions& options, Report& report) {
+  if (const int code = session.Stop(); code != vexadx::kSuccess) {
+    report.Warning("the engine " + options.XName() + " answered code " + std::to_string(code) + " when it was stopped",
+                   "the blocks' results stand; a run with --trace FILE shows more");
+  }
+}
+
+// One block in an engine of its own, or in the one that runs.
+BlockResult RunBlock(Session& session, const CommandLine& commandLine, const XConfigOptions& options, Block& block,
+                     Report& report) {
+  if (options.XName() != kJavaExtension) return session.Run(block);
+  PrepareJavaExtension(commandLine, block);
+  session.Start();
+  BlockResult result = session.Run(block);
+  Stop(session, options, report);
+  return result;
+}
+
+int RunBlocks(Session& session, const CommandLine& commandLine, const XConfigOptions& options,
+              std::vector<Block>& blocks, Report& report) {
   int status = kAllSucceeded;
   for (Block& block : blocks) {
-    const BlockResult result = session.Run(block);
-    report.Block(result, verbose);
+    const BlockResult result = RunBlock(session, commandLine, options, block, report);
+    report.Block(result, commandLine.verbose);
     if (interrupt::EndRequested()) return interrupt::Status();
     RequireEngine(session, options, result.code);
     if (result.interrupted) {
@@ -66,11 +86,9 @@ int Run(const CommandLine& commandLine, Report& report) {
     gOutputReport = &report;
     session.SendOutputTo(&PostOutput);
   }
+  if (options.XName() == kJavaExtension) return RunBlocks(session, commandLine, options, blocks, report);
   session.Start();
-  const int status = RunBlocks(session, options, blocks, commandLine.verbose, report);
-  if (const int code = session.Stop(); code != vexadx::kSuccess) {
-    report.Warning("the engine " + options.XName() + " answered code " + std::to_string(code) + " when it was stopped",
-                   "the blocks' results stand; a run with --trace FILE shows more");
-  }
+  const int status = RunBlocks(session, commandLine, options, blocks, report);
+  Stop(session, options, report);
   return status;
 }

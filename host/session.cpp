@@ -15,6 +15,7 @@
 #include "drivex.h"
 #include "dxglobals.h"
 #include "interrupt.h"
+#include "javaextension.h"
 #include "plugincheck.h"
 #include "vexadx_codes.h"
 #include "vexadx_plugin.h"
@@ -131,6 +132,7 @@ Session::Session(XConfigOptions& options, Place place, Thread thread)
       m_pipes(m_directory ? m_directory->Path() : "", std::to_string(::getpid())) {
   SetXPipeManager(&m_pipes);
   SetXManager(&m_registry);
+  if (options.XName() == kJavaExtension) SetavaExtSocket(&m_socket.emplace());
   if (place == Place::kOwnProcess) {
     m_engine = m_outside = new OutpStatisticsX(&options, kLocal, true);
   } else {
@@ -143,6 +145,8 @@ Session::Session(XConfigOptions& options, Place place, Thread thread)
 Session::~Session() {
   gProcess = 0;
   m_registry.cleanup();
+  if (m_socket) (void)m_socket->CloseSocket();
+  SetavaExtSocket(nullptr);
   SetXManager(nullptr);
   SetXPipeManager(nullptr);
 }
@@ -155,8 +159,14 @@ void Session::SendOutputTo(int (*output)(const char* text, int length)) {
 }
 
 void Session::Load() {
-  if (m_outside) return plugincheck::RequireProgram(m_options);
-  loadPlugin();
+  if (m_socket) {
+    (void)JavaProgram();
+    (void)JavaPlugInArchive();
+  } else if (m_outside) {
+    plugincheck::RequireProgram();
+  } else {
+    loadPlugin();
+  }
 }
 
 void Session::loadPlugin() {
@@ -198,6 +208,7 @@ BlockResult Session::Run(Block& block) {
   result.code = m_thread == Thread::kOwn ? driver->RunOnItsThread() : driver->invokeX();
   result.interrupted = driver->Interrupted();
   result.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+  if (m_socket && result.code == vexadx::kSuccess) result.code = exitCode();
   if (m_output) m_output->Drain();
   return result;
 }
@@ -212,7 +223,8 @@ int Session::Stop() {
   return m_engine->stop_embedded_x();
 }
 
-int Session::EndCode() {
-  const vexadx::XProcess process = vexadx::ProcessOf(*m_outside);
-  return WIFSIGNALED(process.status) ? vexadx::kPipeClosed : WEXITSTATUS(process.status);
+// The run of the Java extension ends with its process, and the library does not look how.
+int Session::exitCode() {
+  const int status = vexadx::ProcessOf(*m_outside).status;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : vexadx::kPipeClosed;
 }

@@ -6,6 +6,7 @@
 
 #include "blocks.h"
 #include "inpstatisticsx.h"
+#include "javapluginsocket.h"
 #include "outpstatisticsx.h"
 #include "outputpipe.h"
 #include "pipedirectory.h"
@@ -14,7 +15,8 @@
 #include "xmanager.h"
 #include "xpipemanager.h"
 
-// One engine: Load, Start, blocks, Stop. Used by one thread; one session at a time.
+// One engine: Load, Start, blocks, Stop; the Java extension is started and stopped for each block. Used by one thread;
+// one session at a time.
 class Session {
  public:
   // Where the engine lives.
@@ -47,17 +49,16 @@ class Session {
   // The engine's code.
   int Stop();
 
-  // Of an engine whose process ends with its run: its exit status, or the code of a connection that broke.
-  int EndCode();
-
  private:
   void loadPlugin();
   int initialize();
+  int exitCode();
 
   XConfigOptions& m_options;
   const Thread m_thread;
   std::optional<PipeDirectory> m_directory;
   std::unique_ptr<OutputPipe> m_output;
+  std::optional<JavaPlugInSocket> m_socket;  // of the Java extension
   XPipeManager m_pipes;
   XManager m_registry;  // owns the engine
   InpStatisticsX* m_inside = nullptr;

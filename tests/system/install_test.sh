@@ -12,8 +12,9 @@ home=$work/home
 unset VEXA_HOME
 
 cmake --install "$build" --prefix "$home" >/dev/null
-for file in bin/vexadx bin/vexadxcfg.ini bin/vexaprefs.properties bin/vexaprefs.jar lib/libvexadxcom.so \
-            lib/libvexapython.dylib JRE/lib include/vexadx/vexadxcom.h share/man/man1/vexadx.1 \
+for file in bin/vexadx bin/vexadxcfg.ini bin/vexaprefs.properties bin/vexaprefs.jar bin/vexajavaplugin.jar \
+            lib/libvexadxcom.so lib/libvexadeploy.so lib/libvexapython.dylib JRE/lib \
+            include/vexadx/vexadxcom.h share/man/man1/vexadx.1 \
             share/doc/vexadx/README.md share/examples/vexadx/survey.py; do
   [ -e "$home/$file" ] || { echo "not installed: $file"; exit 1; }
 done

@@ -95,6 +95,13 @@ TEST_F(VexadxTest, WrongUsageIsExplained) {
       {{"run", "CTEST", "-", good, "-"}, {"standard input", "once"}},
       {{"run", "JULIA", good}, {"no engine JULIA", "CTEST, PYTHON", "X=", "vexadxcfg.ini"}},
       {{"run", "CTEST", good, "--in-process", "--out-of-process"}, {"--in-process", "--out-of-process"}},
+      {{"run", "JAVAEXTENSION", "-e", "0"}, {"which command", "--command NAME"}},
+      {{"run", "JAVAEXTENSION", "--command", "", "-e", "0"}, {"which command", "--command NAME"}},
+      {{"run", "javaextension", "--command", "X", "--in-process", "-e", "0"}, {"process of its own", "--in-process"}},
+      {{"run", "JAVAEXTENSION", "--command", "X"}, {"nothing to run", "-e"}},
+      {{"run", "CTEST", "--command", "X", "-e", "0"}, {"for JAVAEXTENSION", "instead of CTEST"}},
+      {{"run", "CTEST", "--extension-path", "/", "-e", "0"}, {"for JAVAEXTENSION"}},
+      {{"run", "CTEST", "--no-package", "-e", "0"}, {"for JAVAEXTENSION"}},
       {{"run", "CTEST", good, home.Path("gone.txt")}, {"gone.txt", "No such file"}},
       {{"run", "CTEST", good, home.Path()}, {home.Path(), "directory"}},
       {{"run", "CTEST", good, nul}, {nul, "NUL byte", "offset 2", "UTF-8"}},
@@ -262,6 +269,24 @@ TEST_F(VexadxTest, TheDoctorNamesTheFirstProblem) {
   const Outcome plain = RunVexadx({"doctor"});
   EXPECT_EQ(5, plain.status);
   ExpectWords(plain.out, {"home: ok: ", "configuration: problem: ", "  to do: "});
+}
+
+TEST_F(VexadxTest, TheJavaExtensionIsFoundWithItsRuntimeAndItsArchive) {
+  home.Configure("[SUPPORTED_LANG]\nX=JAVAEXTENSION\n");
+  const std::string archive = home.Path("bin/vexajavaplugin.jar");
+  EXPECT_EQ("JAVAEXTENSION\tfound\t" + archive + '\n', RunVexadx({"engines"}).out);
+  const Outcome whole = RunVexadx({"doctor"});
+  EXPECT_EQ(0, whole.status) << whole.out;
+  ExpectWords(whole.out, {home.Path("JRE/bin/java"), archive});
+
+  for (const std::string missing : {"bin/vexajavaplugin.jar", "JRE"}) {
+    SCOPED_TRACE(missing);
+    home.Remove(missing);
+    ExpectWords(RunVexadx({"engines"}).out, {"JAVAEXTENSION\tnot found\t", home.Path(missing)});
+    const Outcome outcome = RunVexadx({"doctor"});
+    EXPECT_EQ(3, outcome.status);
+    ExpectWords(outcome.out, {"problem: ", home.Path(missing), "  to do: "});
+  }
 }
 
 TEST_F(VexadxTest, WithoutAJavaRuntimeItSaysHowToGetOne) {
