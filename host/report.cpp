@@ -19,6 +19,13 @@ using Json = nlohmann::ordered_json;
 
 std::string Line(const Json& object) { return object.dump(-1, ' ', false, Json::error_handler_t::replace); }
 
+std::string TimeText(double seconds) {
+  char text[32];
+  (void)(seconds < 1 ? std::snprintf(text, sizeof text, "%.2f ms", seconds * 1000)
+                     : std::snprintf(text, sizeof text, "%.3f s", seconds));
+  return text;
+}
+
 // Every line marked as ours, the whole written at once.
 void Say(const std::string& text) {
   std::string marked;
@@ -85,12 +92,20 @@ void Report::Output(std::string_view text) {
   WriteText(finished);
 }
 
+void Report::Start(const StartResult& result, bool verbose) {
+  if (verbose) {
+    Say("engine " + result.engine + ": started in " + TimeText(result.seconds) +
+        (result.process == 0 ? "" : ", process " + std::to_string(result.process)));
+  }
+  if (!m_json) return;
+  WriteLine(
+      Line({{"type", "start"}, {"engine", result.engine}, {"process", result.process}, {"seconds", result.seconds}}));
+}
+
 void Report::Block(const BlockResult& result, bool verbose) {
   if (verbose || result.code != vexadx::kSuccess) {
-    char seconds[32];
-    (void)std::snprintf(seconds, sizeof seconds, "%.3f s", result.seconds);
     Say("block " + result.name + (result.interrupted ? ": interrupted" : "") + ": code " + std::to_string(result.code) +
-        " (" + Meaning(result.code) + "), " + seconds);
+        " (" + Meaning(result.code) + "), " + TimeText(result.seconds));
   }
   if (!m_json) return;
   WriteLine(Line({{"type", "block"},

@@ -18,6 +18,13 @@ struct BlockResult {
   bool interrupted = false;
 };
 
+// How an engine was started.
+struct StartResult {
+  std::string engine;
+  int process = 0;  // 0: in this one
+  double seconds = 0;
+};
+
 // One configured engine.
 struct EngineState {
   std::string name;
@@ -53,6 +60,9 @@ class Report {
 
   // A piece of a block's output, in JSON; what is not UTF-8 is replaced. From any thread.
   void Output(std::string_view text);
+
+  // In JSON, and with `verbose` a line.
+  void Start(const StartResult& result, bool verbose);
 
   // One line for a block that failed, and with `verbose` for any.
   void Block(const BlockResult& result, bool verbose);

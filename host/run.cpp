@@ -45,7 +45,7 @@ BlockResult RunBlock(Session& session, const CommandLine& commandLine, const XCo
                      Report& report) {
   if (options.XName() != kJavaExtension) return session.Run(block);
   PrepareJavaExtension(commandLine, block);
-  session.Start();
+  report.Start(session.Start(), commandLine.verbose);
   BlockResult result = session.Run(block);
   Stop(session, options, report);
   return result;
@@ -87,7 +87,7 @@ int Run(const CommandLine& commandLine, Report& report) {
     session.SendOutputTo(&PostOutput);
   }
   if (options.XName() == kJavaExtension) return RunBlocks(session, commandLine, options, blocks, report);
-  session.Start();
+  report.Start(session.Start(), commandLine.verbose);
   const int status = RunBlocks(session, commandLine, options, blocks, report);
   Stop(session, options, report);
   return status;

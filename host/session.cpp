@@ -24,7 +24,11 @@
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr int kLocal = 1;
+
+double SecondsSince(Clock::time_point begin) { return std::chrono::duration<double>(Clock::now() - begin).count(); }
 
 // Outlives every engine, as a plug-in may use it to the end.
 vexadx::HostCallback gHostCallback = [] {
@@ -82,9 +86,9 @@ void EndProcess() { SignalProcess(SIGTERM); }
 
 // The library learns of a death a moment after the pipes have told of it.
 vexadx::XProcess ProcessSoonEnded(OutpStatisticsX& engine) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+  const Clock::time_point end = Clock::now() + std::chrono::seconds(1);
   vexadx::XProcess process = vexadx::ProcessOf(engine);
-  while (!process.hasEnded && std::chrono::steady_clock::now() < end) {
+  while (!process.hasEnded && Clock::now() < end) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
     process = vexadx::ProcessOf(engine);
   }
@@ -185,21 +189,21 @@ int Session::initialize() {
   return driver->initializeX();
 }
 
-void Session::Start() {
+StartResult Session::Start() {
+  const Clock::time_point begin = Clock::now();
   const int code = initialize();
   if (m_output) m_output->Drain();
   if (m_outside) {
     gProcess = vexadx::ProcessOf(*m_outside).id;
     interrupt::SetFunctions(&InterruptProcess, &EndProcess);
   }
-  if (code == vexadx::kSuccess) return;
+  if (code == vexadx::kSuccess) return {m_options.XName(), gProcess, SecondsSince(begin)};
   throw Problem(kNotStarted,
                 "the engine " + m_options.XName() + " could not be started: " + CodeText(code) + OwnEnd(m_outside),
                 StartAdvice(m_options));
 }
 
 BlockResult Session::Run(Block& block) {
-  using Clock = std::chrono::steady_clock;
   const Clock::time_point begin = Clock::now();
   const RegisteredDriver driver(m_registry, *m_engine, m_options);
   driver->setSyntax(block.lines);
@@ -207,7 +211,7 @@ BlockResult Session::Run(Block& block) {
   result.name = block.name;
   result.code = m_thread == Thread::kOwn ? driver->RunOnItsThread() : driver->invokeX();
   result.interrupted = driver->Interrupted();
-  result.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+  result.seconds = SecondsSince(begin);
   if (m_socket && result.code == vexadx::kSuccess) result.code = exitCode();
   if (m_output) m_output->Drain();
   return result;

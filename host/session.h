@@ -37,7 +37,7 @@ class Session {
   // Load opens the plug-in library, or looks whether there is an engine program. Each throws Problem when the engine
   // cannot be used.
   void Load();
-  void Start();
+  StartResult Start();
 
   BlockResult Run(Block& block);
 
