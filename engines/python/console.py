@@ -5,6 +5,8 @@ Runs in a module of the plug-in's own, which brings these functions:
   redirected()              whether there is an output function
   forked()                  makes the output usable in a child process
   source(name)              the bytes of a block that is still held, or None
+  errors_are_noted()        whether the host wants to know what a failed block said
+  note_error(type, message, traceback, line)  tells it, texts as bytes
 """
 
 import codecs
@@ -76,8 +78,8 @@ def block_names(report):
     return [name for name in names if name.startswith("<block ")]
 
 
-def show(kind, value, trace):
-    """The interpreter's own excepthook, and the source lines of blocks, which are in no file."""
+def formatted(kind, value, trace):
+    """What the interpreter would show, and the source lines of blocks, which are in no file."""
     report = traceback.TracebackException(kind, value, trace, lookup_lines=False)
     names = block_names(report)
     for name in names:
@@ -85,10 +87,36 @@ def show(kind, value, trace):
         if lines is not None:
             linecache.cache[name] = (sum(map(len, lines)), None, lines, name)
     try:
-        sys.stderr.write("".join(report.format()))
+        return "".join(report.format())
     finally:
         for name in names:
             linecache.cache.pop(name, None)
+
+
+def show(kind, value, trace):
+    """The interpreter's own excepthook."""
+    sys.stderr.write(formatted(kind, value, trace))
+
+
+def block_line(value, trace):
+    """Where the block was when it failed; 0 when that is nowhere in it."""
+    if isinstance(value, SyntaxError) and str(value.filename).startswith("<block "):
+        return value.lineno or 0
+    while trace is not None and not trace.tb_frame.f_code.co_filename.startswith("<block "):
+        trace = trace.tb_next
+    return trace.tb_lineno if trace is not None else 0
+
+
+def tell_host(kind, value, trace):
+    """The same in parts, for a host that wants them."""
+    if not errors_are_noted():
+        return
+    try:
+        texts = (kind.__qualname__, str(value), formatted(kind, value, trace))
+        parts = [text.replace("\0", "\\x00").encode("utf-8", "backslashreplace") for text in texts]
+        note_error(*parts, block_line(value, trace))
+    except Exception:
+        pass  # what cannot be put into words has been shown as well as it could
 
 
 def exit_status(leaving):
@@ -108,6 +136,7 @@ def outcome(value):
     raised = (type(value), value, value.__traceback__)
     sys.last_type, sys.last_value, sys.last_traceback = raised
     sys.last_exc = value
+    tell_host(*raised)
     try:
         sys.excepthook(*raised)
     except SystemExit as leaving:

@@ -1,11 +1,13 @@
 #include <algorithm>
 #include <atomic>
+#include <cstddef>
 #include <cstring>
 #include <mutex>
 #include <span>
 
 #include "block.h"
 #include "boundary.h"
+#include "errors.h"
 #include "interpreter.h"
 #include "interrupts.h"
 #include "output.h"
@@ -31,9 +33,11 @@ int stop() {
   return 0;
 }
 
-void offerInterrupt(const vexadx::HostCallback* host) {
+// An older host has a table that ends earlier.
+void meetHost(const vexadx::HostCallback* host) {
   if (!host || std::memcmp(host->tag, vexadx::kHostCallbackTag, sizeof host->tag) != 0) return;
-  if (host->size < sizeof *host || !host->setInterrupt) return;
+  if (host->size >= sizeof *host) vexapython::SetErrorFunction(host->noteError);
+  if (host->size < offsetof(vexadx::HostCallback, noteError) || !host->setInterrupt) return;
   vexapython::ExpectInterrupts();
   host->setInterrupt(vexapython::InterruptBlocks);
 }
@@ -44,7 +48,7 @@ extern "C" {
 
 VEXADX_API void setup_dxcallback(void* callback) {
   (void)vexapython::Contained(kFailed, [&] {
-    offerInterrupt(static_cast<const vexadx::HostCallback*>(callback));
+    meetHost(static_cast<const vexadx::HostCallback*>(callback));
     return 0;
   });
 }

@@ -9,6 +9,7 @@
 
 #include "block.h"
 #include "consolesource.h"
+#include "errors.h"
 #include "interrupts.h"
 #include "output.h"
 
@@ -112,10 +113,12 @@ bool startPython(const std::string& home) {
 
 // Runs console.py in a module of its own. Null with an exception set.
 PyObject* makeConsoleModule() {
-  static std::array<PyMethodDef, 5> functions{{{"write", Write, METH_VARARGS, nullptr},
+  static std::array<PyMethodDef, 7> functions{{{"write", Write, METH_VARARGS, nullptr},
                                                {"redirected", Redirected, METH_NOARGS, nullptr},
                                                {"forked", Forked, METH_NOARGS, nullptr},
                                                {"source", Source, METH_O, nullptr},
+                                               {"errors_are_noted", ErrorsAreNoted, METH_NOARGS, nullptr},
+                                               {"note_error", NoteError, METH_VARARGS, nullptr},
                                                {nullptr, nullptr, 0, nullptr}}};
   static PyModuleDef definition{
       PyModuleDef_HEAD_INIT, "vexapython", nullptr, -1, functions.data(), nullptr, nullptr, nullptr, nullptr};

@@ -13,11 +13,19 @@ namespace {
 std::atomic<void (*)()> gInterrupt{nullptr};
 static_assert(std::atomic<void (*)()>::is_always_lock_free);
 
+// Of the block that runs on this thread; null while none does.
+thread_local std::vector<std::string>* tError = nullptr;
+
+void noteError(const char* type, const char* message, const char* traceback, int line) {
+  if (tError) *tError = {type, message, traceback, std::to_string(line)};
+}
+
 vexadx::HostCallback gHostCallback = [] {
   vexadx::HostCallback callback{};
   std::copy(std::begin(vexadx::kHostCallbackTag), std::end(vexadx::kHostCallbackTag), callback.tag);
   callback.size = sizeof callback;
   callback.setInterrupt = [](void (*interrupt)()) { gInterrupt = interrupt; };
+  callback.noteError = &noteError;
   return callback;
 }();
 
@@ -57,8 +65,11 @@ int Plugin::Start(const std::string& libraryFile, int argc, char** argv) {
   });
 }
 
-int Plugin::Execute(char* text) {
-  return codeOf([&] { return m_execute(text); });
+int Plugin::Execute(char* text, std::vector<std::string>& error) {
+  tError = &error;
+  const int code = codeOf([&] { return m_execute(text); });
+  tError = nullptr;
+  return code;
 }
 
 int Plugin::call(int (*entry)()) { return entry ? codeOf(entry) : vexadx::kLibraryNotLoaded; }

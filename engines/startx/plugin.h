@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "PlugInDynamicLoadedLibrary.h"
 #include "vexadx_plugin.h"
@@ -16,7 +17,9 @@ class Plugin {
   int Stop() { return call(m_stop); }
   int PreAction() { return call(m_preAction); }
   int PostAction() { return call(m_postAction); }
-  int Execute(char* text);
+
+  // `error` gets what the language said, in parts: type, message, traceback, line; nothing when it said nothing.
+  int Execute(char* text, std::vector<std::string>& error);
 
   // Interrupts the block that is being executed, if the plug-in can. Also from a signal handler.
   static void Interrupt();

@@ -89,10 +89,12 @@ struct Server::Level {
     return results.IsWritePipeConnected();
   }
 
-  // False when the host has closed the other end. One that is gone shows at the commands.
-  bool Reply(int code) {
+  // False when the host has closed the other end. One that is gone shows at the commands. The texts say what an error
+  // was.
+  bool Reply(int code, const std::vector<std::string>& texts = {}) {
     CleXDSmb message;
     message.SetErrorCode(code);
+    for (const std::string& text : texts) message.SetString(text);
     const std::lock_guard lock(replying);
     const bool sent = SendData(&results, message, true) == kSuccess;
     if (!sent) (void)results.ClosePipe();
@@ -219,7 +221,8 @@ void Server::executeNext(Level& level) {
     (void)level.blocks.ClosePipe();  // the next open waits for a host
     return;
   }
-  level.Reply(received == vexadx::kPipeFailed ? received : execute(level, block));
+  std::vector<std::string> error;
+  level.Reply(received == vexadx::kPipeFailed ? received : execute(level, block, error), error);
 }
 
 int Server::receive(Level& level, CleXDSmb& block) {
@@ -227,11 +230,11 @@ int Server::receive(Level& level, CleXDSmb& block) {
   return ReceiveData(&level.blocks, block, true);
 }
 
-int Server::execute(Level& level, CleXDSmb& block) {
+int Server::execute(Level& level, CleXDSmb& block, std::vector<std::string>& error) {
   if (!level.isSetUp) return vexadx::kNotInitialized;
   noteBlocks(1);
   std::string text = block.GetSingleString();
-  const int code = m_plugin.Execute(text.data());
+  const int code = m_plugin.Execute(text.data(), error);
   (void)std::fflush(nullptr);  // what the language wrote comes before its code
   if (gIsCopy) ::_exit(0);     // a child that the block forked has nothing to tell the host
   noteBlocks(-1);

@@ -48,7 +48,7 @@ class Server : private DXCmdDispatcherVisitor {
   int endRun();
   void executeNext(Level& level);
   static int receive(Level& level, CleXDSmb& block);
-  int execute(Level& level, CleXDSmb& block);
+  int execute(Level& level, CleXDSmb& block, std::vector<std::string>& error);
   void noteBlocks(int more);
   [[noreturn]] void leave(void (*whenTimeIsOver)(int));
 

@@ -46,6 +46,10 @@ struct HostCallback {
   // Called by the plug-in to say how its running block is interrupted. The host may call `interrupt` at any time, also
   // from a signal handler; while no block runs it does nothing.
   void (*setInterrupt)(void (*interrupt)());
+
+  // Called by the plug-in when a block has failed, on the block's thread before execute_x answers: what the language
+  // said, in UTF-8, and the line of the block, 0 when there is none. The host copies the texts. May be null.
+  void (*noteError)(const char* type, const char* message, const char* traceback, int line);
 };
 
 }  // namespace vexadx
