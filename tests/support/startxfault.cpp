@@ -2,13 +2,15 @@
 // of level 0: it answers a block with 0 and the block's own text. STARTX_FAULT says how it misbehaves, in words:
 //
 //   MOMENT     where, one of those that --list prints: there it dies, by SIGKILL unless a word says otherwise
-//   late       not at once: the host is waiting for what comes next
+//   late=N     so many milliseconds later, when the host waits for what comes next
 //   exit=N     it ends with this status
 //   silent     it lives on and says nothing more
 //   fork       a child that it leaves behind keeps its pipes open
+//   slow=N     it makes its first pipe after so many milliseconds
 //   unready=N  so many ready checks are answered with 5 before one is answered with 0
 //
-// Before it dies it writes the time into the file "died" in the directory of the pipes. It lives for a minute at most.
+// Before it dies it writes the time into the file <X>.died in the directory of the pipes; before it leaves a child, its
+// process group's number into <X>.group. It lives for a minute at most.
 
 #include <signal.h>
 #include <unistd.h>
@@ -35,13 +37,10 @@
 
 namespace {
 
-using namespace std::chrono_literals;
-
-constexpr auto kLate = 700ms;  // longer than the host leaves an X process alone after its start
 constexpr unsigned kLifetime = 60;
 constexpr int kNotReady = 5;
 
-constexpr const char* kWays[] = {"late", "exit", "silent", "fork", "unready"};
+constexpr const char* kWays[] = {"late", "exit", "silent", "fork", "slow", "unready"};
 
 constexpr std::pair<const char*, const char*> kMoments[] = {
     {"started", "it has made nothing yet"},
@@ -69,7 +68,8 @@ bool isKnown(const std::string& word) {
 
 class Faults {
  public:
-  Faults(const std::string& text, std::string directory) : m_directory(std::move(directory)) {
+  // What it notes is in files whose names begin with this.
+  Faults(const std::string& text, std::string files) : m_files(std::move(files)) {
     std::istringstream words(text);
     for (std::string word; words >> word;) {
       const std::size_t equals = word.find('=');
@@ -82,12 +82,17 @@ class Faults {
 
   int Number(const std::string& word) const { return Have(word) ? m_words.at(word) : 0; }
 
+  void Sleep(const std::string& word) const { std::this_thread::sleep_for(std::chrono::milliseconds(Number(word))); }
+
   void At(const std::string& moment) const {
     if (!Have(moment)) return;
-    if (Have("fork") && ::fork() == 0) liveSilently();
-    if (Have("late")) std::this_thread::sleep_for(kLate);
+    if (Have("fork")) {
+      std::ofstream(m_files + ".group") << ::getpgrp();
+      if (::fork() == 0) liveSilently();
+    }
+    Sleep("late");
     if (Have("silent")) liveSilently();
-    std::ofstream(m_directory + "died") << std::chrono::steady_clock::now().time_since_epoch().count();
+    std::ofstream(m_files + ".died") << std::chrono::steady_clock::now().time_since_epoch().count();
     if (Have("exit")) ::_exit(Number("exit"));
     ::kill(::getpid(), SIGKILL);
   }
@@ -98,7 +103,7 @@ class Faults {
     for (;;) ::pause();
   }
 
-  const std::string m_directory;
+  const std::string m_files;
   std::map<std::string, int> m_words;
 };
 
@@ -202,8 +207,9 @@ int main(int argc, char** argv) {
   (void)::setpgid(0, 0);
   const char* const text = std::getenv("STARTX_FAULT");
   const std::string directory = argv[2];
-  const Faults faults(text ? text : "", directory);
+  const Faults faults(text ? text : "", directory + argv[4]);
   faults.At("started");
+  faults.Sleep("slow");
   Server server(faults, directory + argv[3] + argv[4]);
   server.Serve();
   ::_exit(0);  // files are left to the host
