@@ -22,7 +22,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr int kWrongUsage = 2;
-constexpr auto kFirstCommand = 4s;  // a host that lives looks for the command pipe half a second after the start
+constexpr auto kFirstCommand = 3s;  // a host that lives looks for the command pipe half a second after the start
 
 // What the host says on the command line.
 struct Arguments {

@@ -11,6 +11,7 @@
 #include <future>
 #include <iostream>
 #include <iterator>
+#include <list>
 #include <random>
 #include <string>
 #include <thread>
@@ -134,33 +135,83 @@ TEST_F(StartX, KeepsNothingOfItsRuns) {
   EXPECT_EQ(0, x.Stop());
 }
 
-// The host is killed. Its X process, and what that has started, write to the same streams as the host did: their end is
+namespace {
+
+// A host that is killed. Its X process, and what that has started, write to the same streams as it does: their end is
 // theirs.
+class KilledHost {
+ public:
+  KilledHost(const char* xName, const std::vector<std::string>& blocks) : m_host(command(xName, blocks)) {}
+
+  void AwaitOutput(const std::string& text) { m_host.AwaitOutput(text); }
+
+  void Kill() {
+    m_killed = Clock::now();
+    m_host.Signal(SIGKILL);
+  }
+
+  void ExpectAllGoneWithin(std::chrono::seconds time) {
+    EXPECT_EQ(-SIGKILL, m_host.Wait());
+    EXPECT_LT(Clock::now() - m_killed, time);
+  }
+
+  bool HasPipe(const std::string& name) const { return fs::exists(m_pipes.Path("4711" + name)); }
+  bool HasPipes() const { return !fs::is_empty(m_pipes.Path()); }
+
+ private:
+  std::vector<std::string> command(const char* xName, const std::vector<std::string>& blocks) const {
+    std::vector<std::string> command{VEXADX_STARTX_HOST, xName, m_pipes.Path().string()};
+    command.insert(command.end(), blocks.begin(), blocks.end());
+    return command;
+  }
+
+  const TempDir m_pipes;
+  ChildProcess m_host;
+  Clock::time_point m_killed;
+};
+
+}  // namespace
+
 TEST_F(StartX, EndsWithItsHost) {
-  const std::string pythonsChild = "import subprocess; subprocess.Popen(['/bin/sleep', '60'])";
+  const std::string child = "import subprocess; subprocess.Popen(['/bin/sleep', '60'])";
   const struct {
     const char* xName;
     std::vector<std::string> blocks;
     const char* moment;
   } kCases[] = {
-      {"CTEST", {}, "started"},
+      {"CTEST", {}, "idle"},
       {"CTEST", {"child"}, "idle"},
       {"CTEST", {"child", "wait"}, "running"},
-      {"PYX", {pythonsChild}, "idle"},
-      {"PYX", {pythonsChild, "while True: pass"}, "running"},
-      {"PYX", {pythonsChild, "import time; time.sleep(60)"}, "running"},
-      {"PYX", {"import signal; signal.signal(signal.SIGINT, signal.SIG_IGN)", "while True: pass"}, "running"},
+      {"PYX", {child}, "idle"},
+      {"PYX", {child, "print('looping', flush=True)\nwhile True: pass"}, "looping"},
+      {"PYX", {child, "import time\nprint('looping', flush=True)\ntime.sleep(60)"}, "looping"},
+      {"PYX",
+       {child,
+        "import os\nprint('looping', flush=True)\nwhile True:\n  try: os.read(os.pipe()[0], 1)\n"
+        "  except BaseException: pass"},
+       "looping"},
   };
   for (const auto& [xName, blocks, moment] : kCases) {
     SCOPED_TRACE(std::string(xName) + ' ' + moment + ' ' + (blocks.empty() ? "" : blocks.back()));
-    std::vector<std::string> command{VEXADX_STARTX_HOST, xName, m_pipes.Path().string()};
-    command.insert(command.end(), blocks.begin(), blocks.end());
-    ChildProcess host(command);
+    KilledHost host(xName, blocks);
     host.AwaitOutput(moment);
-    const Clock::time_point killed = Clock::now();
-    host.Signal(SIGKILL);
-    EXPECT_EQ(-SIGKILL, host.Wait());
-    EXPECT_LT(Clock::now() - killed, 2s);
-    EXPECT_EQ("", Fifos());
+    host.Kill();
+    host.ExpectAllGoneWithin(2s);
+    EXPECT_FALSE(host.HasPipes());
+  }
+}
+
+// The host's own pipe is there before the X process is.
+TEST_F(StartX, EndsWithAHostThatIsKilledWhileItStarts) {
+  std::list<KilledHost> hosts;
+  for (int i = 0; i < 20; ++i) {
+    KilledHost& host = hosts.emplace_back("CTEST", std::vector<std::string>{});
+    host.AwaitOutput("starting");
+    std::this_thread::sleep_for(i * 300us);
+    host.Kill();
+  }
+  for (KilledHost& host : hosts) {
+    host.ExpectAllGoneWithin(5s);
+    for (const char* pipe : {"CTEST_s", "CTEST0syntax"}) EXPECT_FALSE(host.HasPipe(pipe)) << pipe;
   }
 }
