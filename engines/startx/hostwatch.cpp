@@ -35,6 +35,8 @@ bool awaitNews(pid_t host) {
 
 }  // namespace
 
+bool MayBeAdopted(pid_t parent) { return parent == 1 || ::getsid(parent) != ::getsid(0); }
+
 void AwaitHostsEnd(pid_t host) {
   if (awaitNews(host)) return;
   while (isThere(host)) std::this_thread::sleep_for(200ms);

@@ -2,6 +2,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <string>
 #include <thread>
@@ -18,7 +19,10 @@
 
 namespace {
 
+using namespace std::chrono_literals;
+
 constexpr int kWrongUsage = 2;
+constexpr auto kFirstCommand = 3s;  // a host that lives looks for the command pipe half a second after the start
 
 // What the host says on the command line.
 struct Arguments {
@@ -82,11 +86,11 @@ int main(int argc, char** argv) {
   Levels levels(arguments.pipeDirectory, arguments.pipeId + arguments.xName);
   Server server(plugin, levels, arguments.pipeDirectory + arguments.pipeId + arguments.xName, options.IsNestable());
   takeInterrupts();
-  std::thread([&server, host] {
-    AwaitHostsEnd(host);
-    server.LeaveHost();
-  }).detach();
   server.ServeCommands();
+  std::thread([&server, host] {
+    if (!MayBeAdopted(host) || server.HearsFromHost(kFirstCommand)) AwaitHostsEnd(host);
+    server.LeaveHost();  // the pipes have been made, and are removed
+  }).detach();
   server.NoteStart(startPlugin(plugin, arguments, options));
   server.RunBlocks();
 }

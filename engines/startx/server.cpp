@@ -137,6 +137,7 @@ void Server::LeaveHost() {
 
 // One command at a time: a run begins after its command has been answered.
 int Server::VisitReceiver(CleXDSmb& request, CleXDSmb& reply) {
+  noteCommand();
   (void)DXCmdDispatcherVisitor::VisitReceiver(request, reply);
   return kEndCommands;
 }
@@ -154,6 +155,17 @@ int Server::cmdDispatcher(DXCmdDispatcher::CmdKey key, const std::vector<std::st
       break;
   }
   return kSuccess;
+}
+
+void Server::noteCommand() {
+  const std::lock_guard lock(m_guard);
+  m_heard = true;
+  m_changed.notify_all();
+}
+
+bool Server::HearsFromHost(std::chrono::milliseconds atMost) {
+  std::unique_lock lock(m_guard);
+  return m_changed.wait_for(lock, atMost, [this] { return m_heard; });
 }
 
 void Server::NoteStart(int code) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -25,6 +26,9 @@ class Server : private DXCmdDispatcherVisitor {
   // Makes the command pipe and answers commands from now on. The ready check waits for NoteStart.
   void ServeCommands();
 
+  // Waits for the first command, at most so long; answers whether it has come. Any thread.
+  bool HearsFromHost(std::chrono::milliseconds atMost);
+
   // The plug-in has answered this code when it was started.
   void NoteStart(int code);
 
@@ -42,6 +46,7 @@ class Server : private DXCmdDispatcherVisitor {
   int cmdDispatcher(DXCmdDispatcher::CmdKey key, const std::vector<std::string>& arguments) override;
 
   void serve();
+  void noteCommand();
   int awaitStart();
   int beginRun();
   void replyToBeginning();
@@ -66,6 +71,7 @@ class Server : private DXCmdDispatcherVisitor {
 
   std::mutex m_guard;
   std::condition_variable m_changed;
+  bool m_heard = false;  // a command
   bool m_started = false;
   int m_startCode = 0;
   int m_executing = 0;  // blocks

@@ -1,8 +1,9 @@
 // A plug-in library for the tests. Its codes come from the environment (CTEST_INIT, CTEST_PRE, CTEST_POST, CTEST_STOP;
-// 0 when unset) and a block's from its text; the code 666 is thrown instead, and the block "wait" never ends. Compiled
-// with WITHOUT_<entry point> it lacks that one.
+// 0 when unset) and a block's from its text; the code 666 is thrown instead, the block "wait" never ends, and the block
+// "child" starts a process that lives for a minute. Compiled with WITHOUT_<entry point> it lacks that one.
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -30,6 +31,12 @@ int codeFrom(const char* variable) {
   while (true) ::pthread_cond_wait(&never, &mutex);
 }
 
+[[maybe_unused]] void startChild() {
+  if (::fork() != 0) return;
+  (void)::alarm(60);
+  for (;;) ::pause();
+}
+
 [[maybe_unused]] int (*gOutput)(const char* text, int length) = nullptr;
 
 }  // namespace
@@ -49,6 +56,7 @@ ENTRY_POINT int init_embedded_x(int argc, char** argv) {
 ENTRY_POINT int execute_x(char* syntax) {
   if (gOutput) gOutput(syntax, static_cast<int>(std::strlen(syntax)));
   if (std::strncmp(syntax, "wait", 4) == 0) waitForEver();
+  if (std::strncmp(syntax, "child", 5) == 0) startChild();
   return codeOf(syntax);
 }
 #endif

@@ -31,6 +31,7 @@
 #include "framing.h"
 #include "javapluginsocket.h"
 #include "monitor.h"
+#include "processstate.h"
 #include "temphome.h"
 #include "vexadx_bytes.h"
 #include "vexapipe.h"
@@ -160,12 +161,6 @@ class Socket {
   JavaPlugInSocket m_socket;
 };
 
-int openDescriptors() {
-  int count = 0;
-  for (int descriptor = 0; descriptor < 1024; ++descriptor) count += ::fcntl(descriptor, F_GETFD) == -1 ? 0 : 1;
-  return count;
-}
-
 // 0 where nobody counts. Sanitizers keep what is released, and look for leaks themselves.
 std::size_t bytesInUse() {
 #if defined(__GLIBC__) && !defined(VEXADX_SANITIZED)
@@ -174,21 +169,6 @@ std::size_t bytesInUse() {
 #else
   return 0;
 #endif
-}
-
-// Whether the broken-pipe signal would end the process, and of each signal whether the thread blocks it and it waits.
-std::vector<bool> signalState() {
-  struct sigaction action {};
-  ::sigaction(SIGPIPE, nullptr, &action);
-  sigset_t blocked;
-  sigset_t pending;
-  ::pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
-  ::sigpending(&pending);
-  std::vector<bool> state{action.sa_handler == SIG_DFL};
-  for (int signal = 1; signal < NSIG; ++signal) {
-    for (const sigset_t* set : {&blocked, &pending}) state.push_back(::sigismember(set, signal) == 1);
-  }
-  return state;
 }
 
 template <typename Connection>
@@ -212,7 +192,7 @@ TYPED_TEST(PeerDeathTest, IsACodeAtAnyMoment) {
     return static_cast<std::size_t>(std::uniform_int_distribution(0, most)(random));
   };
   ::signal(SIGPIPE, SIG_DFL);
-  const std::vector<bool> signals = signalState();
+  const std::vector<bool> signals = SignalState();
   int descriptors = 0;
   for (int round = 0; round < 100; ++round) {
     SCOPED_TRACE(seedText + ", round " + std::to_string(round));
@@ -241,13 +221,13 @@ TYPED_TEST(PeerDeathTest, IsACodeAtAnyMoment) {
     }
     EXPECT_LT(Clock::now() - begin, std::chrono::seconds(5));
     EXPECT_TRUE(code == 99103 || code == TypeParam::kFailed) << code;
-    EXPECT_EQ(signals, signalState());
+    EXPECT_EQ(signals, SignalState());
     this->m_connection.LeavePeer();
     killing.get();
     EXPECT_EQ(SIGKILL, WTERMSIG(peer.Wait()));
-    if (round == 0) descriptors = openDescriptors();
+    if (round == 0) descriptors = OpenDescriptors();
   }
-  EXPECT_EQ(descriptors, openDescriptors());
+  EXPECT_EQ(descriptors, OpenDescriptors());
 }
 
 namespace {
@@ -281,11 +261,11 @@ void expectNothingKept(const std::function<int(const std::string&)>& receive, in
   for (const auto& [message, code] : cases) {
     SCOPED_TRACE(std::to_string(message.size()) + " bytes, " + std::to_string(code));
     for (int i = 0; i < 10; ++i) EXPECT_EQ(code, receive(message));  // some memory is kept, but not for each
-    const int descriptors = openDescriptors();
+    const int descriptors = OpenDescriptors();
     const std::size_t memory = bytesInUse();
     for (int i = 0; i < 200; ++i) EXPECT_EQ(code, receive(message));
     EXPECT_LE(bytesInUse(), memory + 2000);
-    EXPECT_EQ(descriptors, openDescriptors());
+    EXPECT_EQ(descriptors, OpenDescriptors());
   }
 }
 

@@ -5,7 +5,11 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <cstring>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -27,9 +31,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr int kStartMs = 500;
+constexpr auto kStart = 500ms;
 constexpr int kReadyChecks = 100;
-constexpr int kReadyCheckMs = 100;
+constexpr auto kReadyCheck = 100ms;
 constexpr auto kStopped = 2s;  // the time that a process has to end once it was told to stop, or was killed
 constexpr auto kKilled = 1s;
 constexpr auto kJavaLook = 100ms;
@@ -37,6 +41,15 @@ constexpr auto kJavaLook = 100ms;
 constexpr int kUserNotChanged = 1;
 constexpr int kNotExecuted = 255;
 constexpr int kLargestErrorNumber = 133;
+
+// All of the time: the host's signals, which end a sleep, do not make an X process start any faster.
+void sleepThrough(std::chrono::milliseconds time) {
+  const auto end = std::chrono::steady_clock::now() + time;
+  for (auto left = time; left > 0ms;
+       left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now())) {
+    msleep(static_cast<std::uint32_t>(left.count()));
+  }
+}
 
 void writeToStandardOutput(std::string_view text) {
   while (!text.empty()) {
@@ -164,7 +177,7 @@ int OutpStatisticsX::stat_start_x() {
   leaveEarlierProcess();
   int code = startProcess(arguments);
   if (code == kSuccess) {
-    msleep(kStartMs);
+    sleepThrough(kStart);
     code = isXProcessActive() ? checkReady() : vexadx::kProcessNotAlive;
   }
   if (code != kSuccess && m_watch) endProcess();
@@ -177,7 +190,7 @@ int OutpStatisticsX::checkReady() {
   (void)commands->connectPeer();
   int code = commands->sendCmd(DXCmdDispatcher::kPingDX);
   for (int checks = 1; code != kSuccess && checks < kReadyChecks; ++checks) {
-    msleep(kReadyCheckMs);
+    sleepThrough(kReadyCheck);
     code = commands->sendCmd(DXCmdDispatcher::kPingDX);
   }
   TraceCode("stat_start_x result", code);
@@ -201,7 +214,7 @@ int OutpStatisticsX::stat_start_java() {
   int code = startProcess(arguments);
   if (code == kSuccess) {
     code = socket->acceptWhile([this] { return !m_watch->HasEnded(); });
-    msleep(kStartMs);
+    sleepThrough(kStart);
     m_watch->Reap();  // one that has ended is not there
     if (!isXProcessActive()) code = vexadx::kJavaNotAlive;
   } else {

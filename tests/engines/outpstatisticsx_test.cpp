@@ -1,0 +1,380 @@
+#include "outpstatisticsx.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <chrono>
+#include <filesystem>
+#include <future>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "clexdsmb.h"
+#include "framing.h"
+#include "outofprocess.h"
+#include "vexapipe.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kDeathTold = 1s;
+
+// Engines whose X process misbehaves as its options say.
+class FaultyX : public OutOfProcess {
+ protected:
+  FaultyX() { PutStartX(VEXADX_STARTX_FAULT); }
+
+  // What an X process has left behind ends with the test.
+  ~FaultyX() override {
+    for (const fs::directory_entry& entry : fs::directory_iterator(m_pipes.Path())) {
+      if (entry.path().extension() == ".group") ::kill(-std::stoi(ReadFile(entry.path())), SIGKILL);
+    }
+  }
+
+  void PutStartX(const fs::path& program) {
+    m_home.Remove("bin/startx");
+    fs::create_symlink(program, m_home.Path("bin/startx"));
+  }
+
+  OutpX& AddFaulty(const std::string& fault, const std::string& xName = "FAULTY") {
+    OutpX& x = Add(xName);
+    x.options.PutOption("STARTX_FAULT", fault);
+    return x;
+  }
+
+  // When the X process FAULTY died.
+  Clock::time_point Death() const {
+    return Clock::time_point(Clock::duration(std::stoll(ReadFile(m_pipes.Path("FAULTY.died")))));
+  }
+
+  static void ExpectHealthyAgain(OutpX& x) {
+    x.options.PutOption("STARTX_FAULT", "");
+    EXPECT_EQ(0, x.Start());
+    EXPECT_EQ(0, x.Run("healthy"));
+    EXPECT_EQ(0, x.Stop());
+  }
+};
+
+enum Step { kBegin, kExecute, kEnd, kStop };
+
+struct RunFault {
+  std::string fault;
+  Step step;  // the one that fails
+  int code;
+  bool isDeadBefore = false;  // the step begins when the process has died
+  std::size_t blockBytes = 100;
+};
+
+std::string testName(const std::string& fault, std::size_t blockBytes = 0) {
+  std::string name = blockBytes > 100 ? "large-block " + fault : fault;
+  std::ranges::replace_if(
+      name, [](char c) { return !std::isalnum(static_cast<unsigned char>(c)); }, '_');
+  return name;
+}
+
+std::ostream& operator<<(std::ostream& out, const RunFault& row) { return out << row.fault; }
+
+constexpr std::size_t kLarge = 10'000'000;
+
+const RunFault kRunFaults[] = {
+    {"begin-read", kBegin, 99103},
+    {"begin-read late=100", kBegin, 99103},
+    {"begin-read late=100 fork", kBegin, 99103},
+    {"begin-answered", kBegin, 99103},
+    {"begin-answered late=100", kBegin, 99103},
+    {"begin-answered late=100 fork", kBegin, 99103},
+    {"result-open", kBegin, 99103},
+    {"result-open late=100 fork", kBegin, 99103},
+    {"begun", kExecute, 99104},
+    {"begun late=100", kExecute, 99104},
+    {"begun late=100 fork", kExecute, 99104},
+    {"block-open", kExecute, 99104, false, kLarge},
+    {"block-open late=100", kExecute, 99103},
+    {"block-open late=100 fork", kExecute, 99103},
+    {"block-open late=100 fork", kExecute, 99104, false, kLarge},
+    {"block-read", kExecute, 99103},
+    {"block-read late=100", kExecute, 99103},
+    {"block-read exit=3", kExecute, 99103},
+    {"block-read fork", kExecute, 99103},
+    {"block-read late=100 fork", kExecute, 99103},
+    {"half-reply", kExecute, 99103},
+    {"half-reply late=100 fork", kExecute, 99103},
+    {"replied", kEnd, 99104, true},
+    {"replied late=100", kEnd, 99103},
+    {"replied fork", kEnd, 99104, true},
+    {"end-read", kEnd, 99103},
+    {"end-read late=100 fork", kEnd, 99103},
+    {"ended", kBegin, 99104, true},
+    {"ended late=100", kBegin, 99103},
+    {"ended late=100 fork", kBegin, 99103},
+    {"stop-read", kStop, 99103},
+    {"stop-read late=100 fork", kStop, 99103},
+    {"stopped", kStop, 0},
+    {"stopped late=100 fork", kStop, 0},
+    {"stopped silent", kStop, 0},
+};
+
+class RunFaults : public FaultyX, public testing::WithParamInterface<RunFault> {
+ protected:
+  // The codes of the steps until one is not 0 or, after `runs` runs, the stop.
+  int Take(Step step) {
+    switch (step) {
+      case kBegin:
+        return m_x->Begin();
+      case kExecute:
+        return m_x->Execute(std::string(GetParam().blockBytes, 'b'));
+      case kEnd:
+        return m_x->End();
+      case kStop:
+        return m_x->Stop();
+    }
+    return -1;
+  }
+
+  OutpX* m_x = nullptr;
+};
+
+INSTANTIATE_TEST_SUITE_P(Engine, RunFaults, testing::ValuesIn(kRunFaults),
+                         [](const auto& row) { return testName(row.param.fault, row.param.blockBytes); });
+
+}  // namespace
+
+TEST_P(RunFaults, AreToldAndLeftBehind) {
+  const RunFault& row = GetParam();
+  m_x = &AddFaulty(row.fault);
+  ASSERT_EQ(0, m_x->Start());
+  const bool isInSecondRun = row.fault.starts_with("ended");
+  for (const Step step : {kBegin, kExecute, kEnd}) {
+    if (step == row.step && !isInSecondRun) break;
+    ASSERT_EQ(0, Take(step));
+  }
+  ASSERT_TRUE(!row.isDeadBefore || m_x->Dies());
+
+  const Clock::time_point begin = Clock::now();
+  EXPECT_EQ(row.code, Take(row.step));
+  const Clock::time_point end = Clock::now();
+  if (row.code != 0) {
+    EXPECT_LT(end - std::max(begin, Death()), kDeathTold);
+    EXPECT_TRUE(m_x->Dies());
+    EXPECT_EQ(row.fault.find("exit=3") == std::string::npos ? SIGKILL : 3 << 8, vexadx::ProcessOf(m_x->engine).status);
+  }
+  (void)m_x->Stop();  // an engine that has no process any more may say so
+  EXPECT_LT(Clock::now() - end, kDeathTold);
+  ExpectHealthyAgain(*m_x);
+}
+
+TEST_F(FaultyX, ThatIsNeverReadyLeavesNoProcess) {
+  const struct {
+    const char* fault;
+    int code;
+    std::chrono::seconds within;
+  } kFaults[] = {
+      {"started exit=3", 99104, 11s},
+      {"started silent", 99104, 11s},
+      {"commands-made", 99104, 11s},
+      {"commands-made late=700", 99104, 11s},
+      {"commands-open late=100 fork", 99104, 11s},
+      {"ready-read", 99104, 11s},
+      {"ready-read late=100 fork", 99104, 11s},
+      {"unready=100", 5, 11s},
+      {"unready=49", 0, 6s},
+  };
+  // All at once, as each takes as long as the ready checks.
+  std::vector<OutpX*> xs;
+  std::vector<std::future<void>> starts;
+  for (const auto& row : kFaults) xs.push_back(&AddFaulty(row.fault, "FAULTY" + std::to_string(xs.size())));
+  for (OutpX* const x : xs) {
+    const auto& row = kFaults[starts.size()];
+    starts.push_back(std::async(std::launch::async, [x, &row] {
+      const Clock::time_point begin = Clock::now();
+      EXPECT_EQ(row.code, x->Start()) << row.fault;
+      EXPECT_LT(Clock::now() - begin, row.within) << row.fault;
+      EXPECT_EQ(row.code != 0, x->Process() == -1) << row.fault;
+      EXPECT_EQ(row.code == 0 ? 0 : 99115, x->Run("")) << row.fault;
+      EXPECT_EQ(0, x->Stop()) << row.fault;
+      if (std::string_view(row.fault).ends_with("exit=3")) {
+        EXPECT_EQ(3 << 8, vexadx::ProcessOf(x->engine).status);
+      }
+      ExpectHealthyAgain(*x);
+    }));
+  }
+}
+
+TEST_F(FaultyX, WithoutAProgramIsToldWhenItsChildIsKeptAndWhenItIsDiscarded) {
+  m_home.Remove("bin/startx");
+  OutpX& x = AddFaulty("");
+  const Clock::time_point begin = Clock::now();
+  EXPECT_EQ(99104, x.Start());
+  EXPECT_LT(Clock::now() - begin, 11s);
+  EXPECT_FALSE(HasChildren());
+  EXPECT_EQ(255 << 8, vexadx::ProcessOf(x.engine).status);
+
+  ::signal(SIGCHLD, SIG_IGN);
+  const struct {
+    const char* program;
+    fs::perms permissions;
+  } kPrograms[] = {{nullptr, fs::perms::none},
+                   {"#!/bin/sh\nsleep 60\n", fs::perms::owner_read},
+                   {"no program", fs::perms::owner_all},
+                   {"#!/no/such/interpreter\n", fs::perms::owner_all}};
+  for (const auto& [program, permissions] : kPrograms) {
+    if (program) fs::permissions(m_home.Replace("bin/startx", program), permissions);
+    const Clock::time_point beginDiscarded = Clock::now();
+    EXPECT_EQ(99107, x.Start()) << (program ? program : "none");
+    EXPECT_LT(Clock::now() - beginDiscarded, 600ms);
+    EXPECT_FALSE(HasChildren());
+  }
+  ::signal(SIGCHLD, SIG_DFL);
+  PutStartX(VEXADX_STARTX_FAULT);
+  ExpectHealthyAgain(x);
+}
+
+TEST_F(FaultyX, StartsOverWhatACrashedHostLeft) {
+  OutpX& x = AddFaulty("");
+  const std::string prefix = m_manager->getPipeSuit("FAULTY")->getPipeNamePrefix();
+  for (const char* stale : {"_s", "_c", "0syntax", "0syntaxresult"}) {
+    ASSERT_TRUE(fs::exists(prefix + stale) || ::mkfifo((prefix + stale).c_str(), 0600) == 0);
+  }
+  ExpectHealthyAgain(x);
+}
+
+TEST_F(FaultyX, LeavesAnotherEngineAlone) {
+  OutpX& dying = AddFaulty("block-read late=100");
+  OutpX& other = AddFaulty("", "OTHER");
+  ASSERT_EQ(0, other.Start());
+  std::atomic<bool> isOver{false};
+  auto blocks = std::async(std::launch::async, [&] {
+    int count = 0;
+    for (; !isOver; ++count) EXPECT_EQ(0, other.Run("other's " + std::to_string(count)));
+    return count;
+  });
+  ASSERT_EQ(0, dying.Start());
+  EXPECT_EQ(99103, dying.Run("dying"));
+  EXPECT_LT(Clock::now() - Death(), kDeathTold);
+  (void)dying.Stop();
+  ExpectHealthyAgain(dying);
+  isOver = true;
+  EXPECT_LT(0, blocks.get());
+  EXPECT_EQ(0, other.Stop());
+}
+
+TEST_F(FaultyX, StopsAlthoughAWorkerOfTheHostHasItsDescriptors) {
+  OutpX& x = AddFaulty("");
+  ASSERT_EQ(0, x.Start());
+  ASSERT_EQ(0, x.Run("before"));
+  const pid_t worker = ::fork();
+  if (worker == 0) {
+    for (;;) ::pause();
+  }
+  EXPECT_EQ(0, x.Run("meanwhile"));
+  const Clock::time_point begin = Clock::now();
+  EXPECT_EQ(0, x.Stop());
+  EXPECT_LT(Clock::now() - begin, 2s);
+  EXPECT_TRUE(x.Dies());
+
+  x.options.PutOption("STARTX_FAULT", "block-read");
+  EXPECT_EQ(0, x.Start());
+  EXPECT_EQ(99103, x.Run("while it still has them"));
+  EXPECT_LT(Clock::now() - Death(), kDeathTold);
+  ::kill(worker, SIGKILL);
+  EXPECT_EQ(worker, ::waitpid(worker, nullptr, 0));
+  (void)x.Stop();
+  ExpectHealthyAgain(x);
+}
+
+TEST_F(FaultyX, IsStoppedTwiceAtNoCost) {
+  OutpX& x = AddFaulty("");
+  EXPECT_EQ(0, x.Stop());  // none was started
+  ASSERT_EQ(0, x.Start());
+  EXPECT_EQ(0, x.Stop());
+  ASSERT_TRUE(x.Dies());
+  const Clock::time_point begin = Clock::now();
+  EXPECT_EQ(0, x.Stop());
+  EXPECT_EQ(0, x.engine.stat_stop_x());
+  EXPECT_LT(Clock::now() - begin, 100ms);
+  ExpectHealthyAgain(x);
+}
+
+namespace {
+
+// Signals to the calling thread that end a system call, a thousand a second, while it lives.
+class Signals {
+ public:
+  Signals() : m_sending([this, thread = ::pthread_self()] { send(thread); }) {}
+  ~Signals() {
+    m_isOver = true;
+    m_sending.join();
+    for (const auto& [signal, action] : m_before) ::sigaction(signal, &action, nullptr);
+  }
+  Signals(const Signals&) = delete;
+  Signals& operator=(const Signals&) = delete;
+
+  static std::atomic<int> taken;
+
+ private:
+  void send(pthread_t thread) {
+    for (std::size_t i = 0; !m_isOver; ++i) {
+      ::pthread_kill(thread, m_before[i % m_before.size()].first);
+      std::this_thread::sleep_for(1ms);
+    }
+  }
+
+  static std::pair<int, struct sigaction> take(int signal) {
+    struct sigaction action {};
+    struct sigaction before {};
+    action.sa_handler = [](int) { ++taken; };
+    ::sigaction(signal, &action, &before);
+    return {signal, before};
+  }
+
+  const std::vector<std::pair<int, struct sigaction>> m_before{take(SIGALRM), take(SIGCHLD), take(SIGUSR1)};
+  std::atomic<bool> m_isOver{false};
+  std::thread m_sending;
+};
+
+std::atomic<int> Signals::taken{0};
+
+std::string largeText() {
+  std::string text(kLarge, ' ');
+  for (std::size_t i = 0; i < text.size(); ++i) text[i] = static_cast<char>('a' + i * i % 23);
+  return text;
+}
+
+}  // namespace
+
+TEST_F(FaultyX, IsDrivenThroughSignals) {
+  OutpX& x = AddFaulty("slow=2000");  // such a start is as patient as any
+  const std::string text = largeText();
+  {
+    const Signals signals;
+    EXPECT_EQ(0, x.Start());
+    EXPECT_EQ(0, x.Run(text));
+
+    ASSERT_EQ(0, x.Begin());
+    XPipes* const pipes = m_manager->getPipeSuit("FAULTY")->getXPipes();
+    CleXDSmb request;
+    CleXDSmb reply;
+    request.SetString(text);
+    EXPECT_EQ(0, SendData(pipes->GetSyntaxPipe(), request, false));
+    EXPECT_EQ(0, ReceiveData(pipes->GetSyntaxResultPipe(), reply, true));
+    EXPECT_TRUE(text == reply.GetSingleString());
+    EXPECT_EQ(0, x.End());
+    EXPECT_EQ(0, x.Stop());
+  }
+  EXPECT_LT(1000, Signals::taken);
+}

@@ -1,0 +1,217 @@
+// The X process itself, as an engine drives it.
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <climits>
+#include <fstream>
+#include <future>
+#include <iostream>
+#include <iterator>
+#include <list>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "childprocess.h"
+#include "outofprocess.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+class StartX : public OutOfProcess {
+ protected:
+  StartX() {
+    m_home.AddPlugin("ctest");
+    m_home.Configure("[CTEST]\nLIB_NAME=ctest\n[PYX]\nLIB_NAME=vexapython\n");
+  }
+};
+
+std::size_t descriptorsOf(pid_t process) {
+  std::error_code noDirectory;
+  const fs::directory_iterator descriptors("/proc/" + std::to_string(process) + "/fd", noDirectory);
+  return noDirectory ? 0 : static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)));
+}
+
+// 0 where nobody counts. Sanitizers keep what is released.
+long residentBytes(pid_t process) {
+#ifdef VEXADX_SANITIZED
+  (void)process;
+  return 0;
+#else
+  long pages = 0;
+  long resident = 0;
+  std::ifstream("/proc/" + std::to_string(process) + "/statm") >> pages >> resident;
+  return resident * ::sysconf(_SC_PAGESIZE);
+#endif
+}
+
+}  // namespace
+
+TEST_F(StartX, PassesCodesThrough) {
+  OutpX& x = Add("CTEST");
+  ASSERT_EQ(0, x.Start());
+  for (const int code : {7, -1, INT_MIN, INT_MAX, 0}) EXPECT_EQ(code, x.Run(std::to_string(code)));
+  EXPECT_EQ(0, x.Stop());
+
+  for (const int code : {7, -1, INT_MIN, INT_MAX}) {
+    x.options.PutOption("CTEST_POST", std::to_string(code));
+    ASSERT_EQ(0, x.Start());
+    EXPECT_EQ(code, x.Run("0"));
+    EXPECT_EQ(0, x.Stop());
+  }
+  for (const int code : {7, -1, INT_MIN, INT_MAX}) {
+    x.options.PutOption("CTEST_PRE", std::to_string(code));
+    ASSERT_EQ(0, x.Start());
+    EXPECT_EQ(code, x.Begin());
+    EXPECT_EQ(0, x.Stop());
+  }
+}
+
+// At random moments of runs, more often in blocks that take a while to be moved.
+TEST_F(StartX, CanBeKilledAtAnyMoment) {
+  const int given = GTEST_FLAG_GET(random_seed);
+  const unsigned seed = given != 0 ? static_cast<unsigned>(given) : std::random_device{}() % 99'999 + 1;
+  const std::string seedText = "--gtest_random_seed=" + std::to_string(seed);
+  std::cout << seedText << std::endl;  // at once, as a step that hangs has no message
+  std::mt19937 random(seed);
+  const auto upTo = [&random](int most) { return std::uniform_int_distribution(0, most)(random); };
+  OutpX& x = Add("CTEST");
+  constexpr int kRounds = 50;  // each start takes half a second
+  for (int round = 0; round < kRounds; ++round) {
+    SCOPED_TRACE(seedText + ", round " + std::to_string(round));
+    ASSERT_EQ(0, x.Start());
+    ASSERT_EQ(0, x.Run("0")) << "whatever became of the process before";
+    auto killing =
+        std::async(std::launch::async, [process = x.Process(), delay = std::chrono::microseconds(upTo(20'000))] {
+          std::this_thread::sleep_for(delay);
+          const Clock::time_point now = Clock::now();
+          ::kill(process, SIGKILL);
+          return now;
+        });
+    int code = 0;
+    while (code == 0) {
+      code = x.Run("0" + std::string(static_cast<std::size_t>(upTo(round % 2 == 0 ? 200'000 : 10)), ' '));
+    }
+    EXPECT_LT(Clock::now() - killing.get(), 1s);
+    EXPECT_TRUE(code == 99103 || code == 99104) << code;
+    ASSERT_TRUE(x.Dies());
+    EXPECT_EQ(SIGKILL, vexadx::ProcessOf(x.engine).status);
+    (void)x.Stop();
+  }
+}
+
+TEST_F(StartX, KeepsNothingOfItsRuns) {
+#ifdef VEXADX_SANITIZED
+  constexpr int kRuns = 3'000;
+#else
+  constexpr int kRuns = 100'000;
+#endif
+  OutpX& x = Add("CTEST");
+  ASSERT_EQ(0, x.Start());
+  const pid_t processes[] = {::getpid(), x.Process()};
+  std::vector<std::size_t> descriptors;
+  std::vector<long> bytes;
+  for (int run = 0; run < kRuns; ++run) {
+    ASSERT_EQ(0, x.Run("0")) << run;
+    if (run != 1'000) continue;
+    for (const pid_t process : processes) {
+      descriptors.push_back(descriptorsOf(process));
+      bytes.push_back(residentBytes(process));
+    }
+  }
+  for (const std::size_t side : {0, 1}) {
+    EXPECT_EQ(descriptors[side], descriptorsOf(processes[side])) << side;
+    EXPECT_LE(residentBytes(processes[side]), bytes[side] + 256 * 1024) << side;
+  }
+  EXPECT_EQ(0, x.Stop());
+}
+
+namespace {
+
+// A host that is killed. Its X process, and what that has started, write to the same streams as it does: their end is
+// theirs.
+class KilledHost {
+ public:
+  KilledHost(const char* xName, const std::vector<std::string>& blocks) : m_host(command(xName, blocks)) {}
+
+  void AwaitOutput(const std::string& text) { m_host.AwaitOutput(text); }
+
+  void Kill() {
+    m_killed = Clock::now();
+    m_host.Signal(SIGKILL);
+  }
+
+  void ExpectAllGoneWithin(std::chrono::seconds time) {
+    EXPECT_EQ(-SIGKILL, m_host.Wait());
+    EXPECT_LT(Clock::now() - m_killed, time);
+  }
+
+  bool HasPipe(const std::string& name) const { return fs::exists(m_pipes.Path("4711" + name)); }
+  bool HasPipes() const { return !fs::is_empty(m_pipes.Path()); }
+
+ private:
+  std::vector<std::string> command(const char* xName, const std::vector<std::string>& blocks) const {
+    std::vector<std::string> command{VEXADX_STARTX_HOST, xName, m_pipes.Path().string()};
+    command.insert(command.end(), blocks.begin(), blocks.end());
+    return command;
+  }
+
+  const TempDir m_pipes;
+  ChildProcess m_host;
+  Clock::time_point m_killed;
+};
+
+}  // namespace
+
+TEST_F(StartX, EndsWithItsHost) {
+  const std::string child = "import subprocess; subprocess.Popen(['/bin/sleep', '60'])";
+  const struct {
+    const char* xName;
+    std::vector<std::string> blocks;
+    const char* moment;
+  } kCases[] = {
+      {"CTEST", {}, "idle"},
+      {"CTEST", {"child"}, "idle"},
+      {"CTEST", {"child", "wait"}, "running"},
+      {"PYX", {child}, "idle"},
+      {"PYX", {child, "print('looping', flush=True)\nwhile True: pass"}, "looping"},
+      {"PYX", {child, "import time\nprint('looping', flush=True)\ntime.sleep(60)"}, "looping"},
+      {"PYX",
+       {child,
+        "import os\nprint('looping', flush=True)\nwhile True:\n  try: os.read(os.pipe()[0], 1)\n"
+        "  except BaseException: pass"},
+       "looping"},
+  };
+  for (const auto& [xName, blocks, moment] : kCases) {
+    SCOPED_TRACE(std::string(xName) + ' ' + moment + ' ' + (blocks.empty() ? "" : blocks.back()));
+    KilledHost host(xName, blocks);
+    host.AwaitOutput(moment);
+    host.Kill();
+    host.ExpectAllGoneWithin(2s);
+    EXPECT_FALSE(host.HasPipes());
+  }
+}
+
+// The host's own pipe is there before the X process is.
+TEST_F(StartX, EndsWithAHostThatIsKilledWhileItStarts) {
+  std::list<KilledHost> hosts;
+  for (int i = 0; i < 20; ++i) {
+    KilledHost& host = hosts.emplace_back("CTEST", std::vector<std::string>{});
+    host.AwaitOutput("starting");
+    std::this_thread::sleep_for(i * 300us);
+    host.Kill();
+  }
+  for (KilledHost& host : hosts) {
+    host.ExpectAllGoneWithin(5s);
+    for (const char* pipe : {"CTEST_s", "CTEST0syntax"}) EXPECT_FALSE(host.HasPipe(pipe)) << pipe;
+  }
+}
