@@ -25,6 +25,7 @@ constexpr int kEndCommands = -1;  // what ends the library's loop once the reply
 constexpr int kNestedRunRefused = 2;
 constexpr unsigned kLeaveSeconds = 1;
 constexpr auto kInterruptEach = 50ms;
+constexpr auto kFirstCommand = 5s;  // ten times what a host takes to its ready check
 
 std::atomic<bool> gIsCopy{false};  // of the process that the host started
 
@@ -120,6 +121,16 @@ void Server::ServeCommands() {
   m_outermost = std::make_unique<Level>(m_prefix, 0);
   m_commands = std::make_unique<DXCmdDispatcher>(m_prefix, true);
   quietThread([this] { serve(); }).detach();
+  quietThread([this] { requireHost(); }).detach();
+}
+
+// A host that died before this process could know it by its number does not show as gone.
+void Server::requireHost() {
+  {
+    std::unique_lock lock(m_guard);
+    if (m_changed.wait_for(lock, kFirstCommand, [this] { return m_hasHost; })) return;
+  }
+  LeaveHost();
 }
 
 void Server::serve() {
@@ -137,6 +148,7 @@ void Server::LeaveHost() {
 
 // One command at a time: a run begins after its command has been answered.
 int Server::VisitReceiver(CleXDSmb& request, CleXDSmb& reply) {
+  noteHost();
   (void)DXCmdDispatcherVisitor::VisitReceiver(request, reply);
   return kEndCommands;
 }
@@ -154,6 +166,12 @@ int Server::cmdDispatcher(DXCmdDispatcher::CmdKey key, const std::vector<std::st
       break;
   }
   return kSuccess;
+}
+
+void Server::noteHost() {
+  const std::lock_guard lock(m_guard);
+  if (std::exchange(m_hasHost, true)) return;
+  m_changed.notify_all();
 }
 
 void Server::NoteStart(int code) {

@@ -22,7 +22,8 @@ class Server : private DXCmdDispatcherVisitor {
   Server(Plugin& plugin, Levels& levels, std::string prefix, bool isNestable);
   ~Server() override;
 
-  // Makes the command pipe and answers commands from now on. The ready check waits for NoteStart.
+  // Makes the command pipe and answers commands from now on. The ready check waits for NoteStart. Without a command in
+  // the first seconds there is no host.
   void ServeCommands();
 
   // The plug-in has answered this code when it was started.
@@ -42,6 +43,8 @@ class Server : private DXCmdDispatcherVisitor {
   int cmdDispatcher(DXCmdDispatcher::CmdKey key, const std::vector<std::string>& arguments) override;
 
   void serve();
+  void requireHost();
+  void noteHost();
   int awaitStart();
   int beginRun();
   void replyToBeginning();
@@ -66,6 +69,7 @@ class Server : private DXCmdDispatcherVisitor {
 
   std::mutex m_guard;
   std::condition_variable m_changed;
+  bool m_hasHost = false;  // it has sent a command
   bool m_started = false;
   int m_startCode = 0;
   int m_executing = 0;  // blocks

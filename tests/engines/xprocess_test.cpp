@@ -15,6 +15,7 @@
 #include <unistd.h>
 #endif
 
+#include "childprocess.h"
 #include "dxglobals.h"
 #include "javaextensionsmb.h"
 #include "javapluginsocket.h"
@@ -405,4 +406,15 @@ TEST_F(XProcess, WithoutAHomeIsSoughtFromTheWorkingDirectory) {
   EXPECT_EQ((Texts{"bin/startx", "LOCAL", kPipes, "4711", "CTEST"}), report.arguments);
   ASSERT_FALSE(report.environment.empty());
   EXPECT_EQ("VEXA_HOME=", report.environment[0]);
+}
+
+// Not even one that died while this process came to be. The shell that starts it has ended, and was reaped, before.
+TEST_F(XProcess, EndsWithoutAHost) {
+  m_home.Configure("[PYX]\nLIB_NAME=vexapython\n");
+  const TempDir pipes;
+  const std::string orphan = "(while kill -0 $$ 2>/dev/null; do :; done; exec \"$@\") &";
+  ChildProcess shells({"/bin/sh", "-c", "sh -c '" + orphan + "' sh \"$@\"", "sh", m_home.Path("bin/startx"), "LOCAL",
+                       pipes.Path().string() + '/', "4711", "PYX"});
+  EXPECT_EQ(0, shells.Wait());  // when the process has let go of the streams as well
+  EXPECT_TRUE(fs::is_empty(pipes.Path()));
 }
