@@ -77,8 +77,11 @@ std::string StartAdvice(const XConfigOptions& options) {
 // The engine's process, for the functions that a signal calls.
 std::atomic<pid_t> gProcess{0};
 
+// The process leads a group, so that its children get the signal as they would at a terminal; the Java extension does
+// not.
 void SignalProcess(int signal) {
-  if (const pid_t process = gProcess; process > 0) (void)::kill(process, signal);
+  const pid_t process = gProcess;
+  if (process > 0 && ::kill(-process, signal) != 0) (void)::kill(process, signal);
 }
 
 void InterruptProcess() { SignalProcess(SIGINT); }

@@ -474,6 +474,22 @@ TEST_F(VexadxPythonTest, TheSecondSignalEndsTheRunAndTheThirdLeaves) {
   }
 }
 
+TEST_F(VexadxPythonTest, SignalsReachTheChildrenOfABlockAsWell) {
+  // While Python waits for this one it ignores the signal itself.
+  ChildProcess interrupted(
+      CommandOf(Python(kOutside, {"-e", "import os\nprint('ended by', os.system('echo ready; exec sleep 1000'))"})));
+  interrupted.AwaitOutput("ready\n");
+  interrupted.Signal(SIGINT);
+  EXPECT_EQ(0, interrupted.Wait());
+  EXPECT_EQ("ready\nended by 2\n", interrupted.Out());
+
+  ChildProcess ended(
+      CommandOf(Python(kOutside, {"-e", "import subprocess\nsubprocess.Popen(['sleep', '1000'])\n" + Stubborn(0)})));
+  ended.AwaitOutput("ready\n");
+  ended.Signal(SIGTERM);
+  EXPECT_EQ(143, ended.Wait());  // when the child has let go of the streams as well
+}
+
 TEST_F(VexadxPythonTest, AnEngineThatDefiesEverySignalGoesWithTheHost) {
   ChildProcess child(CommandOf(Python(
       kOutside, {"-e", "import signal\nsignal.signal(signal.SIGTERM, lambda *_: print('ready'))\n" + Stubborn(99)})));
