@@ -32,6 +32,12 @@ Problem NoLibraryName(const XConfigOptions& options) {
               ", in upper case and without blanks around \"=\""};
 }
 
+std::string EngineProgram() { return InHome("bin/startx"); }
+
+Problem NotExecutable(const std::string& advice) {
+  return {kNotExecutable, "the engine program " + EngineProgram() + " cannot be executed", advice};
+}
+
 }  // namespace
 
 bool UsesPreferences(const XConfigOptions& options) {
@@ -94,16 +100,19 @@ void RequireEntryPoints(const std::string& libraryFile) {
 }
 
 void RequireProgram() {
-  const std::string program = InHome("bin/startx");
+  const std::string program = EngineProgram();
   std::error_code ignored;
   if (!fs::exists(program, ignored)) {
     throw Problem(kNoProgram, "the engine program " + program + " does not exist",
                   "install vexadx again, or set VEXA_HOME to a complete home");
   }
   if (!fs::is_regular_file(program, ignored) || ::access(program.c_str(), X_OK) != 0) {
-    throw Problem(kNotExecutable, "the engine program " + program + " cannot be executed",
-                  "make it executable: chmod +x " + program);
+    throw NotExecutable("make it executable: chmod +x " + program);
   }
+}
+
+Problem NotAProgram() {
+  return NotExecutable("it is no program for this machine: install vexadx again, or set VEXA_HOME to a complete home");
 }
 
 void RequireUsable(XConfigOptions& options) { RequireEntryPoints(LibraryFile(options, LibraryName(options))); }

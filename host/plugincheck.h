@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "problem.h"
 #include "xconfigoptions.h"
 
 // Why an engine's plug-in library cannot be used, found step by step. Each step answers what it found, or throws the
@@ -23,6 +24,9 @@ void RequireEntryPoints(const std::string& libraryFile);
 
 // The program that a plug-in library has in a process of its own.
 void RequireProgram();
+
+// What is wrong when the system could not execute it all the same.
+Problem NotAProgram();
 
 // All steps of the library, for the first that fails.
 void RequireUsable(XConfigOptions& options);

@@ -27,6 +27,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kLocal = 1;
+constexpr int kNotExecuted = 255;  // how the library's child ends without a program
 
 double SecondsSince(Clock::time_point begin) { return std::chrono::duration<double>(Clock::now() - begin).count(); }
 
@@ -76,8 +77,11 @@ std::string StartAdvice(const XConfigOptions& options) {
 // The engine's process, for the functions that a signal calls.
 std::atomic<pid_t> gProcess{0};
 
+// The process leads a group, so that its children get the signal as they would at a terminal; the Java extension does
+// not.
 void SignalProcess(int signal) {
-  if (const pid_t process = gProcess; process > 0) (void)::kill(process, signal);
+  const pid_t process = gProcess;
+  if (process > 0 && ::kill(-process, signal) != 0) (void)::kill(process, signal);
 }
 
 void InterruptProcess() { SignalProcess(SIGINT); }
@@ -107,6 +111,13 @@ std::string OwnEnd(OutpStatisticsX* engine) {
   const vexadx::XProcess process = engine ? vexadx::ProcessOf(*engine) : vexadx::XProcess{};
   const bool byItself = process.hasEnded && process.status != -1 && process.status != SIGKILL;
   return byItself ? "; its process " + EndText(process.status) : "";
+}
+
+// Whether the library's child could not become the engine's program.
+bool WasNotExecuted(OutpStatisticsX& engine) {
+  const vexadx::XProcess process = vexadx::ProcessOf(engine);
+  return process.hasEnded && process.status != -1 && WIFEXITED(process.status) &&
+         WEXITSTATUS(process.status) == kNotExecuted;
 }
 
 // A driver of the registry for a scope: it gives the run its nesting level.
@@ -198,6 +209,7 @@ StartResult Session::Start() {
     interrupt::SetFunctions(&InterruptProcess, &EndProcess);
   }
   if (code == vexadx::kSuccess) return {m_options.XName(), gProcess, SecondsSince(begin)};
+  if (m_outside && !m_socket && WasNotExecuted(*m_outside)) throw plugincheck::NotAProgram();
   throw Problem(kNotStarted,
                 "the engine " + m_options.XName() + " could not be started: " + CodeText(code) + OwnEnd(m_outside),
                 StartAdvice(m_options));

@@ -3,11 +3,14 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <string>
 #include <vector>
 
 #include "childprocess.h"
+#include "gate.h"
 #include "temphome.h"
 #include "vexadx_plugin.h"
 
@@ -298,15 +301,42 @@ TEST_F(VexadxTest, WithoutAJavaRuntimeItSaysHowToGetOne) {
   ExpectWords(outcome.err, {"no Java runtime could be started", "install", "JAVA_HOME"});
 }
 
-// Runs of the staged Python engine in a home of its own.
+TEST_F(VexadxTest, AnEngineProgramThatCannotBeRunIsExplained) {
+  const std::string program = home.Path("bin/startx");
+  const Strings run{"run", "CTEST", "--out-of-process", "-e", "0"};
+  home.Remove("bin/startx");
+  ExpectProblem(127, {program, "does not exist"}, run);
+  home.Write("bin/startx", "");
+  ExpectProblem(126, {program, "cannot be executed", "chmod +x"}, run);
+  // The system finds out that it is no program, and says so on standard output.
+  home.Write("bin/startx", "#!/no/such/interpreter\n");
+  std::filesystem::permissions(program, std::filesystem::perms::owner_all);
+  const Outcome outcome = RunVexadx(run);
+  EXPECT_EQ(126, outcome.status);
+  ExpectWords(outcome.err,
+              {"vexadx: error: the engine program " + program + " cannot be executed", "for this machine"});
+}
+
+// Runs of the staged Python engine in a home and with a directory for pipes of its own.
 class VexadxPythonTest : public testing::Test {
  protected:
-  static Strings Python(Strings arguments) {
-    arguments.insert(arguments.begin(), {"run", "python", "--in-process"});
+  VexadxPythonTest() { ::setenv("TMPDIR", m_temporary.Path().c_str(), 1); }
+  ~VexadxPythonTest() override { ::unsetenv("TMPDIR"); }
+
+  static Strings Python(const std::string& place, Strings arguments) {
+    arguments.insert(arguments.begin(), {"run", "python", place});
     return arguments;
   }
 
+  bool HasNoPipes() const { return std::filesystem::is_empty(m_temporary.Path()); }
+
+  static constexpr const char* kInside = "--in-process";
+  static constexpr const char* kOutside = "--out-of-process";
+
   TempHome home;
+
+ private:
+  TempDir m_temporary;
 };
 
 // Prints "ready" and runs until it is interrupted, and does so once more each time it has survived an interrupt. The
@@ -325,66 +355,113 @@ std::string Stubborn(std::size_t survived) {
 }
 
 TEST_F(VexadxPythonTest, StandardOutputIsTheBlocksAlone) {
-  const Outcome outcome = RunVexadx(Python({"-e", "x = 6", "-", "-e", "print(x * 7)"}), "print('hello')");
-  EXPECT_EQ(0, outcome.status) << outcome.err;
-  EXPECT_EQ("hello\n42\n", outcome.out);
-  EXPECT_EQ("", outcome.err);
+  for (const char* place : {kInside, kOutside}) {
+    const Outcome outcome = RunVexadx(Python(place, {"-e", "x = 6", "-", "-e", "print(x * 7)"}), "print('hello')");
+    EXPECT_EQ(0, outcome.status) << outcome.err;
+    EXPECT_EQ("hello\n42\n", outcome.out);
+    EXPECT_EQ("", outcome.err);
+  }
+}
+
+TEST_F(VexadxPythonTest, ABlockIsTheSameInAndOutOfProcess) {
+  const Strings blocks{"print('one')\nimport sys\n_ = sys.stdout.write('no newline')",
+                       "print('\\u20ac')\nsys.stdout.buffer.write(b'\\xff\\n')\nprint('to the other', file=sys.stderr)",
+                       "def f():\n  return 1 / 0\nf()",
+                       "1 +",
+                       "raise SystemExit(7)",
+                       "raise SystemExit('bye')",
+                       "raise SystemExit(-2)",
+                       "",
+                       "print('b' * 300_000)"};
+  const std::regex seconds("[0-9.]+ m?s\n");
+  for (const bool json : {false, true}) {
+    Strings arguments;
+    if (json) arguments.emplace_back("--json");
+    for (const std::string& block : blocks) arguments.insert(arguments.end(), {"-e", block});
+    const Outcome inside = RunVexadx(Python(kInside, arguments));
+    const Outcome outside = RunVexadx(Python(kOutside, arguments));
+    EXPECT_EQ(1, inside.status);
+    EXPECT_EQ(inside.status, outside.status);
+    EXPECT_EQ(std::regex_replace(inside.err, seconds, ""), std::regex_replace(outside.err, seconds, ""));
+    if (json) {
+      EXPECT_EQ(OutputOf(inside.out), OutputOf(outside.out));
+    } else {
+      EXPECT_EQ(inside.out, outside.out);
+    }
+  }
 }
 
 TEST_F(VexadxPythonTest, OutputArrivesWhileTheBlockRuns) {
-  for (const bool json : {false, true}) {
-    Strings arguments = Python({"-e", "print('ready')\nimport os\nos.read(0, 1)\nprint('released')"});
-    if (json) arguments.emplace_back("--json");
-    ChildProcess child(CommandOf(arguments));
-    child.AwaitOutput("ready");
-    child.Write("x");
-    EXPECT_EQ(0, child.Wait()) << child.Err();
-    EXPECT_EQ("ready\nreleased\n", json ? OutputOf(child.Out()) : child.Out());
+  const Gate gate(home, "gate");
+  for (const char* place : {kInside, kOutside}) {
+    for (const bool json : {false, true}) {
+      Strings arguments = Python(place, {"-e", "print('ready')\n" + gate.AwaitInPython() + "print('released')"});
+      if (json) arguments.emplace_back("--json");
+      ChildProcess child(CommandOf(arguments));
+      child.AwaitOutput("ready");
+      gate.Open();
+      EXPECT_EQ(0, child.Wait()) << child.Err();
+      EXPECT_EQ("ready\nreleased\n", json ? OutputOf(child.Out()) : child.Out());
+    }
   }
 }
 
 TEST_F(VexadxPythonTest, JsonIsOneObjectALineWhateverTheBlockDoes) {
-  const Outcome outcome =
-      RunVexadx(Python({"--json", "-e", "import os\n_ = os.system('echo from a child')\nprint('\\u20ac\\n\"')", "-e",
-                        "import sys\nsys.exit(3)", "-e", "print('still here')"}));
-  EXPECT_EQ(1, outcome.status);
-  EXPECT_EQ("\xE2\x82\xAC\n\"\nstill here\n", OutputOf(outcome.out));
-  const std::vector<Json> blocks = ObjectsOf(outcome.out, "block");
-  ASSERT_EQ(3U, blocks.size());
-  EXPECT_EQ(0, blocks[0].at("code"));
-  EXPECT_EQ(3, blocks[1].at("code"));
-  EXPECT_EQ("code of the engine", blocks[1].at("meaning"));
-  EXPECT_EQ(0, blocks[2].at("code"));
-  ExpectWords(outcome.err, {"from a child", "block -e 2: code 3"});
-}
-
-TEST_F(VexadxPythonTest, CtrlCInterruptsTheBlockAndTheNextOneRuns) {
-  for (const bool threaded : {false, true}) {
-    Strings arguments = Python({"-e", "kept = 'kept'", "-e", Stubborn(0), "-e", "print(kept)"});
-    if (threaded) arguments.emplace_back("--threaded");
-    ChildProcess child(CommandOf(arguments));
-    child.AwaitOutput("ready\n");
-    child.Signal(SIGINT);
-    EXPECT_EQ(130, child.Wait());
-    EXPECT_EQ("ready\nkept\n", child.Out());
-    ExpectWords(child.Err(), {"KeyboardInterrupt", "block -e 2: interrupted: code 1"});
+  for (const std::string place : {kInside, kOutside}) {
+    const Outcome outcome =
+        RunVexadx(Python(place, {"--json", "-e", "import os\n_ = os.system('echo from a child')\nprint('\\u20ac\\n\"')",
+                                 "-e", "import sys\nsys.exit(3)", "-e", "print('still here')"}));
+    EXPECT_EQ(1, outcome.status);
+    // What is written past the plug-in is the block's where the process is the block's alone.
+    const std::string fromChild = "from a child\n";
+    EXPECT_EQ((place == kOutside ? fromChild : "") + "\xE2\x82\xAC\n\"\nstill here\n", OutputOf(outcome.out));
+    EXPECT_EQ(place == kInside, outcome.err.find(fromChild) != std::string::npos) << outcome.err;
+    const std::vector<Json> blocks = ObjectsOf(outcome.out, "block");
+    ASSERT_EQ(3U, blocks.size());
+    EXPECT_EQ(0, blocks[0].at("code"));
+    EXPECT_EQ(3, blocks[1].at("code"));
+    EXPECT_EQ("code of the engine", blocks[1].at("meaning"));
+    EXPECT_EQ(0, blocks[2].at("code"));
+    ExpectWords(outcome.err, {"block -e 2: code 3"});
   }
 }
 
+TEST_F(VexadxPythonTest, CtrlCInterruptsTheBlockAndTheNextOneRuns) {
+  for (const char* place : {kInside, kOutside}) {
+    for (const bool threaded : {false, true}) {
+      Strings arguments =
+          Python(place, {"-e", "import os\nkept = os.getpid()", "-e", Stubborn(0), "-e", "print(kept == os.getpid())"});
+      if (threaded) arguments.emplace_back("--threaded");
+      ChildProcess child(CommandOf(arguments));
+      child.AwaitOutput("ready\n");
+      child.Signal(SIGINT);
+      EXPECT_EQ(130, child.Wait());
+      EXPECT_EQ("ready\nTrue\n", child.Out());
+      ExpectWords(child.Err(), {"Traceback (most recent call last):\n  File \"<block 2>\", line ",
+                                "\nKeyboardInterrupt\n", "block -e 2: interrupted: code 1"});
+    }
+  }
+}
+
+// Wait returns once nobody has the streams any more: no process of the engine is left then.
 TEST_F(VexadxPythonTest, TheSecondSignalEndsTheRunAndTheThirdLeaves) {
   const struct {
+    const char* place;
     std::vector<int> signals;
     std::size_t survived;
     int status;
     bool stopped;
   } cases[] = {
-      {{SIGINT, SIGINT}, 1, 130, true},    {{SIGINT, SIGINT, SIGINT}, 2, 130, false}, {{SIGTERM}, 0, 143, true},
-      {{SIGTERM, SIGTERM}, 1, 143, false}, {{SIGINT, SIGTERM}, 1, 143, true},
+      {kInside, {SIGINT, SIGINT}, 1, 130, true},  {kInside, {SIGINT, SIGINT, SIGINT}, 2, 130, false},
+      {kInside, {SIGTERM}, 0, 143, true},         {kInside, {SIGTERM, SIGTERM}, 1, 143, false},
+      {kInside, {SIGINT, SIGTERM}, 1, 143, true}, {kOutside, {SIGINT, SIGINT}, 1, 130, true},
+      {kOutside, {SIGTERM}, 0, 143, true},        {kOutside, {SIGINT, SIGTERM}, 1, 143, true},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(c.signals));
+    SCOPED_TRACE(c.place + testing::PrintToString(c.signals));
     const std::string trace = home.Path("trace");
-    ChildProcess child(CommandOf(Python({"-e", Stubborn(c.survived), "-e", "print('next')", "--trace", trace})));
+    ChildProcess child(
+        CommandOf(Python(c.place, {"-e", Stubborn(c.survived), "-e", "print('next')", "--trace", trace})));
     int sent = 0;
     for (const int signal : c.signals) {
       child.AwaitOutput("ready\n", ++sent);
@@ -393,7 +470,95 @@ TEST_F(VexadxPythonTest, TheSecondSignalEndsTheRunAndTheThirdLeaves) {
     EXPECT_EQ(c.status, child.Wait());
     EXPECT_EQ(std::string::npos, child.Out().find("next"));
     EXPECT_EQ(c.stopped, ReadFile(trace).find("stop_embedded_x error code : 0.") != std::string::npos);
+    EXPECT_TRUE(HasNoPipes());
   }
+}
+
+TEST_F(VexadxPythonTest, SignalsReachTheChildrenOfABlockAsWell) {
+  // While Python waits for this one it ignores the signal itself.
+  ChildProcess interrupted(
+      CommandOf(Python(kOutside, {"-e", "import os\nprint('ended by', os.system('echo ready; exec sleep 1000'))"})));
+  interrupted.AwaitOutput("ready\n");
+  interrupted.Signal(SIGINT);
+  EXPECT_EQ(0, interrupted.Wait());
+  EXPECT_EQ("ready\nended by 2\n", interrupted.Out());
+
+  ChildProcess ended(
+      CommandOf(Python(kOutside, {"-e", "import subprocess\nsubprocess.Popen(['sleep', '1000'])\n" + Stubborn(0)})));
+  ended.AwaitOutput("ready\n");
+  ended.Signal(SIGTERM);
+  EXPECT_EQ(143, ended.Wait());  // when the child has let go of the streams as well
+}
+
+TEST_F(VexadxPythonTest, AnEngineThatDefiesEverySignalGoesWithTheHost) {
+  ChildProcess child(CommandOf(Python(
+      kOutside, {"-e", "import signal\nsignal.signal(signal.SIGTERM, lambda *_: print('ready'))\n" + Stubborn(99)})));
+  for (int sent = 1; sent <= 3; ++sent) {
+    child.AwaitOutput("ready\n", sent);
+    child.Signal(SIGINT);
+  }
+  EXPECT_EQ(130, child.Wait());
+}
+
+TEST_F(VexadxPythonTest, AnEngineThatDiesEndsTheRunAndSaysHow) {
+  const struct {
+    std::string block;
+    std::string words;
+  } cases[] = {
+      {"import signal\nos.kill(os.getpid(), signal.SIGKILL)",
+       "the process of the engine PYTHON was ended by signal 9 ("},
+      {"os._exit(3)", "the process of the engine PYTHON ended with exit status 3\n"},
+      {"os._exit(0)", "the process of the engine PYTHON ended with exit status 0\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.block);
+    const Strings arguments = Python(kOutside, {"-e", "import os\nprint('before')\n" + c.block, "-e", "print('next')"});
+    const Outcome outcome = RunVexadx(arguments);
+    EXPECT_EQ(4, outcome.status);
+    EXPECT_EQ("before\n", outcome.out);
+    ExpectWords(outcome.err, {c.words, "block -e 1: code 99103", "vexadx: hint: "});
+    EXPECT_TRUE(HasNoPipes());
+  }
+}
+
+TEST_F(VexadxPythonTest, AnEngineKilledFromOutsideSaysSoToo) {
+  ChildProcess child(CommandOf(Python(
+      kOutside, {"--json", "-e", "import os\nprint(os.getpid(), 'ready')\nwhile True: pass", "-e", "print('next')"})));
+  child.AwaitOutput("ready");
+  ASSERT_EQ(0, ::kill(std::stoi(OutputOf(child.Out())), SIGKILL));
+  EXPECT_EQ(4, child.Wait());
+  const std::vector<Json> errors = ObjectsOf(child.Out(), "error");
+  ASSERT_EQ(1U, errors.size());
+  ExpectWords(errors[0].at("message"), {"signal 9"});
+  EXPECT_EQ(1U, ObjectsOf(child.Out(), "block").size());
+}
+
+TEST_F(VexadxPythonTest, AChildOfABlockDoesNotAnswerForIt) {
+  const Outcome outcome = RunVexadx(Python(kOutside, {"-e",
+                                                      "import os\nchild = os.fork()\n"
+                                                      "if child == 0:\n  print('child')\n  raise SystemExit(5)\n"
+                                                      "_ = os.waitpid(child, 0)",
+                                                      "-e", "print('next')"}));
+  EXPECT_EQ(0, outcome.status) << outcome.err;
+  EXPECT_EQ("child\nnext\n", outcome.out);
+}
+
+TEST_F(VexadxPythonTest, AnEngineHasNoInputAndNoTerminalSignals) {
+  const Outcome outcome =
+      RunVexadx(Python(kOutside, {"-e", "import os, sys\nprint([sys.stdin.read(), os.getpgrp() == os.getpid()])"}),
+                "what vexadx was given\n");
+  EXPECT_EQ(0, outcome.status) << outcome.err;
+  EXPECT_EQ("['', True]\n", outcome.out);
+}
+
+TEST_F(VexadxPythonTest, PipesAreRemovedAtTheEndOrByTheNextRun) {
+  ChildProcess child(CommandOf(Python(kOutside, {"-e", Stubborn(0)})));
+  child.AwaitOutput("ready\n");
+  child.Signal(SIGKILL);
+  EXPECT_EQ(-SIGKILL, child.Wait());  // the engine has ended by now as well
+  EXPECT_FALSE(HasNoPipes());
+  EXPECT_EQ(0, RunVexadx(Python(kOutside, {"-e", ""})).status);
+  EXPECT_TRUE(HasNoPipes());
 }
 
 }  // namespace
