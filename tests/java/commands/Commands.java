@@ -55,7 +55,7 @@ class STATS_WAIT {
         waitForever();
     }
 
-    private static void waitForever() {
+    static void waitForever() {
         for (;;) {
             try {
                 Thread.sleep(Long.MAX_VALUE);
@@ -63,6 +63,18 @@ class STATS_WAIT {
                 // that is no reason to end
             }
         }
+    }
+}
+
+/** Says in which process it runs, and then never ends by itself, unless it has to return at once. */
+class STATS_PROCESS {
+    public static void main(String[] lines) {
+        if (lines.length > 0 && lines[0].equals("return")) {
+            System.out.print("returned");
+            return;
+        }
+        System.out.println("process " + ProcessHandle.current().pid());
+        STATS_WAIT.waitForever();
     }
 }
 

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "dxtraceline.h"
+#include "peerwatch.h"
 #include "vexadx_codes.h"
 
 using vexadx::kSocketFailed;
@@ -119,8 +120,10 @@ int JavaPlugInSocket::GetSocketPort() { return m_port; }
 int JavaPlugInSocket::WriteData(const void* bytes, int length, unsigned long&) {
   const auto* from = static_cast<const char*>(bytes);
   std::size_t left = static_cast<std::size_t>(std::max(length, 0));
+  const PeerWatch::Wait wait(m_connSocket);
+  const int flags = kNoSignal | (wait.PeerIsGone() ? MSG_DONTWAIT : 0);
   do {  // also nothing is sent, once
-    const auto sent = uninterrupted([&] { return ::send(m_connSocket, from, std::min(left, kPiece), kNoSignal); });
+    const auto sent = uninterrupted([&] { return ::send(m_connSocket, from, std::min(left, kPiece), flags); });
     if (sent == -1) {
       TraceCode("WriteData", -1);
       ::shutdown(m_connSocket, SHUT_RDWR);

@@ -292,6 +292,7 @@ int OutpStatisticsX::x_execute_x(char* syntax) {
 }
 
 int OutpStatisticsX::executeJava() {
+  const PeerWatch::Operation operation(m_watch);
   JavaExtensionSmb message;
   const int code = SendData(GetJavaExtSocket(), message);
   TraceCode("x_execute_x SendData syntaxSocket", code);

@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -231,8 +232,12 @@ PeerWatch::Operation::~Operation() {
 }
 
 // Does what the other end would do: opens; closes, or lets go with a byte where another process has the pipe open;
-// reads.
+// reads. A connection has ended for both.
 void PeerWatch::Operation::release(int kind) {
+  if (kind == Wait::kSend) {
+    (void)::shutdown(m_connection, SHUT_RDWR);
+    return;
+  }
   const bool toWrite = kind == Wait::kOpenToRead || kind == Wait::kRead;
   const Descriptor other = openOtherEnd(m_pipe, toWrite ? O_WRONLY : O_RDONLY);
   if (other == -1) return;
@@ -244,9 +249,10 @@ void PeerWatch::Operation::release(int kind) {
   }
 }
 
-void PeerWatch::Wait::begin(Kind kind, const std::string& pipe) {
+void PeerWatch::Wait::begin(Kind kind, const char* pipe, int connection) {
   if (PeerIsGone()) return;
-  m_operation->m_pipe = pipe.c_str();
+  m_operation->m_pipe = pipe;
+  m_operation->m_connection = connection;
   m_operation->m_waiting = kind;
 }
 

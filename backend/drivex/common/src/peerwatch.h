@@ -12,8 +12,8 @@
 #include <vector>
 
 // Watches one process that this one has started, and stands in for it when it has died: an engine's operation that then
-// waits for it in a pipe is released, also when a process that it left behind still holds the pipe. The operation goes
-// on as if the other end had been closed.
+// waits for it in a pipe or a connection is released, also when a process that it left behind still holds that. The
+// operation goes on as if the other end had been closed.
 //
 // Used by the engine's threads. The thread that watches lives until the process has died.
 class PeerWatch {
@@ -85,18 +85,23 @@ class PeerWatch::Operation {
 
   const std::shared_ptr<PeerWatch> m_watch;
   std::atomic<int> m_waiting{0};  // for what, a Wait::Kind
-  const char* m_pipe = nullptr;   // where; not changed any more once the death is noted
-  bool m_byteInPipe = false;      // one that released a read, until it is read. Guarded by the watch's lock
+  const char* m_pipe = nullptr;   // where, like the next; not changed any more once the death is noted
+  int m_connection = -1;
+  bool m_byteInPipe = false;  // one that released a read, until it is read. Guarded by the watch's lock
 };
 
-// One call on a pipe that waits for the other end. The call is made between construction and destruction; only an
-// operation's waits are more than a look at a variable.
+// One call on a pipe that waits for the other end, or sends on a connection, which stays open until the operation ends.
+// The calls are made between construction and destruction; only an operation's waits are more than a look at a
+// variable.
 class PeerWatch::Wait {
  public:
-  enum Kind : int { kNone, kOpenToRead, kOpenToWrite, kRead, kWrite };
+  enum Kind : int { kNone, kOpenToRead, kOpenToWrite, kRead, kWrite, kSend };
 
   Wait(Kind kind, const std::string& pipe) : m_operation(Operation::current) {
-    if (m_operation) begin(kind, pipe);
+    if (m_operation) begin(kind, pipe.c_str(), -1);
+  }
+  explicit Wait(int connection) : m_operation(Operation::current) {
+    if (m_operation) begin(kSend, nullptr, connection);
   }
   ~Wait() {
     if (m_operation) m_operation->m_waiting = kNone;
@@ -112,7 +117,7 @@ class PeerWatch::Wait {
   ssize_t Left(int descriptor, ssize_t got);
 
  private:
-  void begin(Kind kind, const std::string& pipe);
+  void begin(Kind kind, const char* pipe, int connection);
 
   Operation* const m_operation;
 };
