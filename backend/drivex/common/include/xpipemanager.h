@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -10,7 +11,8 @@
 #include "vexapipe.h"
 
 // The named pipes between the host and its X processes, and the names of their files. For one thread at a time, with
-// everything that belongs to one manager; objects that getters answer belong to what answered them.
+// everything that belongs to one manager; but suits may be asked for, and runs of a suit may begin and end, while
+// engines of the manager run on other threads. Objects that getters answer belong to what answered them.
 //
 // The files of an X: P = pipe path + pid text + X name, the text before all of them.
 //   P_s P_c           commands and their replies
@@ -100,6 +102,7 @@ class VEXADX_API XPipeSuit {
   std::unique_ptr<MonitorThread> m_monitorP2C;
   std::unique_ptr<MonitorThread> m_monitorC2P;
   std::unique_ptr<DXCmdDispatcher> m_dispatcher;
+  mutable std::mutex m_guard;  // guards m_pipe_index and m_pipes. No set is destroyed under it
 };
 
 // The suits of all X names, one for each.
@@ -125,4 +128,5 @@ class VEXADX_API XPipeManager {
   std::string m_pipePath;
   std::string m_pipePid;
   std::vector<std::unique_ptr<XPipeSuit>> m_suits;
+  std::mutex m_guard;  // guards m_suits. Outer to a suit's; none is destroyed under it
 };

@@ -79,11 +79,15 @@ XPipeSuit::~XPipeSuit() {
 
 const std::string& XPipeSuit::XName() const { return m_xname; }
 
-int XPipeSuit::getIndex() const { return m_pipe_index; }
+int XPipeSuit::getIndex() const {
+  const std::lock_guard lock(m_guard);
+  return m_pipe_index;
+}
 
 std::string XPipeSuit::getPipeNamePrefix() { return m_manager->getPipePath() + m_manager->getPipePid() + m_xname; }
 
 void XPipeSuit::increaseIndex() {
+  const std::lock_guard lock(m_guard);
   ++m_pipe_index;
   while (m_pipes.size() < static_cast<std::size_t>(m_pipe_index) + 1) {
     m_pipes.push_back(std::make_unique<XPipes>(getPipeNamePrefix() + std::to_string(m_pipe_index)));
@@ -91,12 +95,17 @@ void XPipeSuit::increaseIndex() {
 }
 
 void XPipeSuit::decreaseIndex() {
+  std::unique_ptr<XPipes> ended;  // once the lock has been released
+  const std::lock_guard lock(m_guard);
   DxAssert(m_pipe_index >= 0, "m_pipe_index >= 0", "decreaseIndex", kSourceFile);
   --m_pipe_index;
-  if (m_pipes.size() > 1 && m_pipes.size() > static_cast<std::size_t>(m_pipe_index) + 1) m_pipes.pop_back();
+  if (m_pipes.size() <= 1 || m_pipes.size() <= static_cast<std::size_t>(m_pipe_index) + 1) return;
+  ended = std::move(m_pipes.back());
+  m_pipes.pop_back();
 }
 
 XPipes* XPipeSuit::getXPipes() {
+  const std::lock_guard lock(m_guard);
   DxAssert(m_pipe_index >= 0, "m_pipe_index >= 0", "getXPipes", "backend/drivex/common/include/xpipemanager");
   return m_pipes[static_cast<std::size_t>(m_pipe_index)].get();
 }
@@ -139,16 +148,26 @@ const std::string& XPipeManager::getPipePath() const { return m_pipePath; }
 const std::string& XPipeManager::getPipePid() const { return m_pipePid; }
 
 XPipeSuit* XPipeManager::getPipeSuit(const std::string& xName) {
+  const std::lock_guard lock(m_guard);
   if (const auto suit = findSuit(m_suits, xName); suit != m_suits.end()) return suit->get();
   return m_suits.emplace_back(std::make_unique<XPipeSuit>(xName, this)).get();
 }
 
 void XPipeManager::removePipeSuit(const std::string& xName) {
-  if (const auto suit = findSuit(m_suits, xName); suit != m_suits.end()) m_suits.erase(suit);
+  std::unique_ptr<XPipeSuit> removed;  // once the lock has been released
+  const std::lock_guard lock(m_guard);
+  const auto suit = findSuit(m_suits, xName);
+  if (suit == m_suits.end()) return;
+  removed = std::move(*suit);
+  m_suits.erase(suit);
 }
 
 // In the order in which they were made.
 void XPipeManager::cleanup() {
-  for (std::unique_ptr<XPipeSuit>& suit : m_suits) suit.reset();
-  m_suits.clear();
+  std::vector<std::unique_ptr<XPipeSuit>> removed;
+  {
+    const std::lock_guard lock(m_guard);
+    removed.swap(m_suits);
+  }
+  for (std::unique_ptr<XPipeSuit>& suit : removed) suit.reset();
 }
