@@ -126,6 +126,7 @@ void Server::serve() {
   while (m_commands->receiveCmd(this) == kSuccess) {
     if (m_told) leave(&endProcess);
     if (m_beginning) replyToBeginning();
+    m_beginning = nullptr;  // a host that does not want the reply has given the run up
   }
   LeaveHost();
 }
