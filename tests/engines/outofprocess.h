@@ -68,6 +68,7 @@ class OutOfProcess : public testing::Test {
     m_manager.emplace(m_pipes.Path().string() + "/", "4711");
     SetXPipeManager(&*m_manager);
     m_state = ProcessState();
+    std::thread([] {}).join();  // a sanitizer's own thread comes with the first
     m_threads = Threads();
   }
   ~OutOfProcess() override { SetXPipeManager(nullptr); }
@@ -76,7 +77,7 @@ class OutOfProcess : public testing::Test {
     m_xs.clear();
     m_manager.reset();
     EXPECT_TRUE(BecomesTrue([] { return !HasChildren(); })) << "a process is left, or was not reaped";
-    EXPECT_TRUE(BecomesTrue([this] { return Threads() == m_threads; })) << "a thread is left";
+    EXPECT_TRUE(BecomesTrue([this] { return Threads() <= m_threads; })) << "a thread is left";
     EXPECT_EQ(m_state, ProcessState());
     EXPECT_EQ("", Fifos());
   }
