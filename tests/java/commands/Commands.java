@@ -55,7 +55,7 @@ class STATS_WAIT {
         waitForever();
     }
 
-    private static void waitForever() {
+    static void waitForever() {
         for (;;) {
             try {
                 Thread.sleep(Long.MAX_VALUE);
@@ -63,6 +63,14 @@ class STATS_WAIT {
                 // that is no reason to end
             }
         }
+    }
+}
+
+/** Says in which process it runs, and never ends by itself. */
+class STATS_PROCESS {
+    public static void main(String[] lines) {
+        System.out.println("process " + ProcessHandle.current().pid());
+        STATS_WAIT.waitForever();
     }
 }
 

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <sys/types.h>
+#include <string>
+#include <vector>
+
+// What a library must leave to the process that it lives in, and what it must give back.
+
+int OpenDescriptors();
+int Threads();  // 0 where nobody counts
+
+// Whether the process has children, also such as have ended and were not reaped.
+bool HasChildren();
+
+// Whether the broken-pipe signal would end the process, and of each signal whether the thread blocks it and it waits.
+std::vector<bool> SignalState();
+
+// Descriptors, signals, locale, rounding, working directory and file-creation mask, in words.
+std::string ProcessState();
