@@ -53,8 +53,7 @@ class BlockDriver : public DriveX {
   int ExecuteXLines(std::vector<std::string>& lines) override {
     const interrupt::RunningBlock running;
     const int code = DriveX::ExecuteXLines(lines);
-    // A block that came to its end all the same was not cut short.
-    m_interrupted = running.Interrupted() && code != vexadx::kSuccess;
+    m_interrupted = running.Interrupted();
     return code;
   }
 
@@ -210,9 +209,10 @@ BlockResult Session::Run(Block& block) {
   BlockResult result;
   result.name = block.name;
   result.code = m_thread == Thread::kOwn ? driver->RunOnItsThread() : driver->invokeX();
-  result.interrupted = driver->Interrupted();
   result.seconds = SecondsSince(begin);
   if (m_socket && result.code == vexadx::kSuccess) result.code = exitCode();
+  // A block that came to its end all the same was not cut short.
+  result.interrupted = driver->Interrupted() && result.code != vexadx::kSuccess;
   if (m_output) m_output->Drain();
   return result;
 }
