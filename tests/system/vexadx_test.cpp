@@ -396,4 +396,83 @@ TEST_F(VexadxPythonTest, TheSecondSignalEndsTheRunAndTheThirdLeaves) {
   }
 }
 
+// Commands of the staged Java extension.
+class VexadxJavaTest : public testing::Test {
+ protected:
+  VexadxJavaTest() { ::unsetenv("JAVA_TOOL_OPTIONS"); }
+
+  Strings Java(const std::string& command, const Strings& more) const {
+    const std::string extensions = home.Path("extensions");
+    std::filesystem::create_directories(extensions);
+    std::filesystem::copy_file(VEXADX_COMMANDS, extensions + '/' + command + ".jar",
+                               std::filesystem::copy_options::skip_existing);
+    Strings arguments{"run", "javaextension", "--extension-path", extensions, "--command", command};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return arguments;
+  }
+
+  TempHome home;
+};
+
+TEST_F(VexadxJavaTest, TheStatusIsWhatTheCommandCameTo) {
+  const struct {
+    std::string command;
+    Strings blocks;
+    int status;
+    std::string out;
+    Strings err;  // words; none: nothing at all
+  } cases[] = {
+      {"STATS_HELLO", {"-e", "one\ntwo", "-e", "three"}, 0, "<one><two><three>", {}},
+      {"STATS_EXIT", {"-e", "7", "-e", "0"}, 1, "", {"vexadx: block -e 1: code 7"}},
+      {"STATS_THROW", {"-e", ""}, 1, "", {"IllegalStateException: on purpose", "code 1"}},
+      {"STATS_GONE", {"-e", ""}, 3, "", {"no command \"STATS_GONE\"", "could not be started", "exit status 5"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.command);
+    const Outcome outcome = RunVexadx(Java(c.command, c.blocks));
+    EXPECT_EQ(c.status, outcome.status) << outcome.err;
+    EXPECT_EQ(c.out, outcome.out);
+    ExpectWords(outcome.err, c.err);
+    EXPECT_EQ(c.err.empty(), outcome.err.empty()) << outcome.err;
+  }
+}
+
+TEST_F(VexadxJavaTest, JsonHoldsWhatTheCommandsWrote) {
+  const Outcome outcome = RunVexadx(Java("STATS_HELLO", {"-e", "one", "-e", "n\xC3\xA4her", "--json"}));
+  EXPECT_EQ(0, outcome.status) << outcome.err;
+  EXPECT_EQ("<one><n\xC3\xA4her>", OutputOf(outcome.out));
+  const std::vector<Json> blocks = ObjectsOf(outcome.out, "block");
+  ASSERT_EQ(2U, blocks.size());
+  for (const Json& block : blocks) EXPECT_EQ(0, block.at("code"));
+}
+
+TEST_F(VexadxJavaTest, CtrlCEndsTheCommandAndTheNextBlockRuns) {
+  ChildProcess child(CommandOf(Java("STATS_PROCESS", {"-e", "", "-e", "return"})));
+  child.AwaitOutput("\n");
+  child.Signal(SIGINT);
+  EXPECT_EQ(130, child.Wait());
+  ExpectWords(child.Out(), {"\nreturned"});
+  ExpectWords(child.Err(), {"block -e 1: interrupted"});
+}
+
+TEST_F(VexadxJavaTest, AProcessThatIsKilledEndsTheRun) {
+  ChildProcess child(CommandOf(Java("STATS_PROCESS", {"-e", "", "-e", "return"})));
+  child.AwaitOutput("\n");
+  ::kill(std::stoi(child.Out().substr(std::string("process ").size())), SIGKILL);
+  EXPECT_EQ(4, child.Wait());
+  EXPECT_EQ(std::string::npos, child.Out().find("returned"));
+  ExpectWords(child.Err(), {"ended by signal 9"});
+}
+
+TEST_F(VexadxJavaTest, AConnectionThatBreaksInTheMiddleOfABlockEndsTheRun) {
+  home.Remove("JRE");
+  std::filesystem::create_directory_symlink(VEXADX_JAVA_PEER, home.Path("JRE"));
+  const std::string large = home.Write("large", std::string(32'000'000, 'x'));
+  ::setenv("JAVA_PEER", "connect receive", 1);
+  const Outcome outcome = RunVexadx(Java("STATS_HELLO", {large, "-e", "next"}));
+  EXPECT_EQ(4, outcome.status);
+  ExpectWords(outcome.err, {"block " + large + ": code 99122", "ended with exit status 0"});
+  EXPECT_EQ(std::string::npos, outcome.err.find("block -e 1"));
+}
+
 }  // namespace
