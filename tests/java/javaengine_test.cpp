@@ -137,6 +137,11 @@ class JavaEngine : public testing::Test {
     });
   }
 
+  // The connection ends a moment before the process.
+  void AwaitEnd() {
+    while (!vexadx::ProcessOf(m_engine).hasEnded) std::this_thread::sleep_for(1ms);
+  }
+
   // The process is no more; answers its wait status.
   int ExpectEnded() {
     const vexadx::XProcess process = vexadx::ProcessOf(m_engine);
@@ -299,6 +304,7 @@ TEST_F(JavaEngine, ARunEndsWithItsProcess) {
     std::future<Clock::time_point> killing = KillOnceItSaysItsId();
     EXPECT_EQ(c.code, Execute());
     EXPECT_LT(Clock::now() - killing.get(), kPromptly);
+    AwaitEnd();
     EXPECT_EQ(0, m_engine.stop_embedded_x());
     EXPECT_EQ(SIGKILL, ExpectEnded());
     ExpectHealthy();
@@ -308,7 +314,7 @@ TEST_F(JavaEngine, ARunEndsWithItsProcess) {
 TEST_F(JavaEngine, AProcessKilledBeforeTheMessageRunsNothing) {
   ASSERT_EQ(0, Start("STATS_HELLO", {"never shown"}));
   ::kill(vexadx::ProcessOf(m_engine).id, SIGKILL);
-  while (!vexadx::ProcessOf(m_engine).hasEnded) std::this_thread::sleep_for(1ms);
+  AwaitEnd();
   EXPECT_EQ(0, Execute());  // the system takes what it cannot deliver any more
   EXPECT_EQ(SIGKILL, ExpectEnded());
   EXPECT_EQ("", m_output.Text());

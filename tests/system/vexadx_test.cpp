@@ -629,4 +629,15 @@ TEST_F(VexadxJavaTest, AProcessThatIsKilledEndsTheRun) {
   ExpectWords(child.Err(), {"ended by signal 9"});
 }
 
+TEST_F(VexadxJavaTest, AConnectionThatBreaksInTheMiddleOfABlockEndsTheRun) {
+  home.Remove("JRE");
+  std::filesystem::create_directory_symlink(VEXADX_JAVA_PEER, home.Path("JRE"));
+  const std::string large = home.Write("large", std::string(32'000'000, 'x'));
+  ::setenv("JAVA_PEER", "connect receive", 1);
+  const Outcome outcome = RunVexadx(Java("STATS_HELLO", {large, "-e", "next"}));
+  EXPECT_EQ(4, outcome.status);
+  ExpectWords(outcome.err, {"block " + large + ": code 99122", "ended with exit status 0"});
+  EXPECT_EQ(std::string::npos, outcome.err.find("block -e 1"));
+}
+
 }  // namespace
