@@ -18,6 +18,8 @@
 #include <vector>
 
 #include "childprocess.h"
+#include "clexdsmb.h"
+#include "framing.h"
 #include "outofprocess.h"
 
 namespace fs = std::filesystem;
@@ -74,6 +76,37 @@ TEST_F(StartX, PassesCodesThrough) {
     EXPECT_EQ(code, x.Begin());
     EXPECT_EQ(0, x.Stop());
   }
+}
+
+TEST_F(StartX, SaysWhatTheLanguageSaid) {
+  const struct {
+    std::string block;
+    int code;
+    std::vector<std::string> said;  // type, message, the traceback's end, line
+  } cases[] = {
+      {"print('fine')", 0, {}},
+      {"x = 1\n1/0", 1, {"ZeroDivisionError", "division by zero", "ZeroDivisionError: division by zero\n", "2"}},
+      {"x = 1\n\nint('\xC3\xA4')", 1, {"ValueError", "'\xC3\xA4'", "'\xC3\xA4'\n", "3"}},
+      {"if", 1, {"SyntaxError", "invalid syntax (<block 4>, line 1)", "SyntaxError: invalid syntax\n", "1"}},
+      {"raise SystemExit(3)", 3, {}},
+  };
+  OutpX& x = Add("PYX");
+  ASSERT_EQ(0, x.Start());
+  XPipes* const pipes = m_manager->getPipeSuit("PYX")->getXPipes();
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.block);
+    ASSERT_EQ(0, x.Begin());
+    CleXDSmb request;
+    request.SetString(c.block);
+    ASSERT_EQ(0, SendData(pipes->GetSyntaxPipe(), request, false));
+    CleXDSmb reply;
+    EXPECT_EQ(c.code, ReceiveData(pipes->GetSyntaxResultPipe(), reply, true));
+    EXPECT_EQ(0, x.End());
+    const std::vector<std::string> said = reply.GetStringData().GetData();
+    ASSERT_EQ(c.said.size(), said.size());
+    for (std::size_t i = 0; i < said.size(); ++i) EXPECT_TRUE(said[i].ends_with(c.said[i])) << said[i];
+  }
+  EXPECT_EQ(0, x.Stop());
 }
 
 // At random moments of runs, more often in blocks that take a while to be moved.
