@@ -316,6 +316,14 @@ TEST_F(FaultyX, IsStoppedTwiceAtNoCost) {
   ExpectHealthyAgain(x);
 }
 
+TEST_F(FaultyX, IsReapedWhenItEndsAfterItsStop) {
+  OutpX& x = AddFaulty("stopped late=100");
+  ASSERT_EQ(0, x.Start());
+  EXPECT_EQ(0, x.Stop());
+  EXPECT_TRUE(HasChildren());
+  EXPECT_TRUE(BecomesTrue([] { return !HasChildren(); }));
+}
+
 namespace {
 
 // Signals to the calling thread that end a system call, a thousand a second, while it lives.
