@@ -66,7 +66,7 @@ class Engine {
   ~Engine() {
     const int process = Process();
     m_registry.cleanup();
-    while (::kill(process, 0) == 0) ::usleep(1000);
+    while (process > 0 && ::kill(process, 0) == 0) ::usleep(1000);
     m_pipes.cleanup();
     SetXPipeManager(nullptr);
   }

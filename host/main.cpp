@@ -1,3 +1,5 @@
+#include <signal.h>
+
 #include <cstdio>
 #include <exception>
 #include <optional>
@@ -35,6 +37,8 @@ int Execute(const CommandLine& commandLine) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // A program that ignores it hands that on, and then nobody is told how an engine's process ended.
+  (void)::signal(SIGCHLD, SIG_DFL);
   try {
     const std::optional<CommandLine> commandLine = ParseCommandLine(argc, argv);
     return commandLine ? Execute(*commandLine) : kAllSucceeded;

@@ -2,8 +2,10 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -13,11 +15,6 @@
 #include "problem.h"
 
 namespace {
-
-bool isReadable(int descriptor, int timeoutMs) {
-  pollfd waited{descriptor, POLLIN, 0};
-  return ::poll(&waited, 1, timeoutMs) == 1 && (waited.revents & POLLIN) != 0;
-}
 
 int replaceStream(int stream, int by) {
   const int before = ::fcntl(stream, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
@@ -33,49 +30,64 @@ void restoreStream(int stream, int before) {
 
 }  // namespace
 
-OutputPipe::OutputPipe(Receiver receiver) : m_receiver(std::move(receiver)) {
+OutputPipe::Ends::Ends() {
   std::array<int, 2> ends{};
   if (::pipe(ends.data()) != 0) {
     throw Problem(kNotStarted, std::string("there is no pipe for the engine's output: ") + std::strerror(errno),
                   "close other programs, or raise the limit of open files");
   }
   for (const int end : ends) ::fcntl(end, F_SETFD, FD_CLOEXEC);
-  m_readEnd = ends[0];
-  m_writeEnd = ends[1];
-  m_thread = std::thread([this] { receive(); });
+  read = ends[0];
+  write = ends[1];
 }
+
+OutputPipe::Ends::~Ends() {
+  ::close(read);
+  ::close(write);
+}
+
+OutputPipe::OutputPipe(Receiver receiver) : m_receiver(std::move(receiver)), m_thread([this] { receive(); }) {}
 
 // The other process may have left one behind that never closes its end, so the end is told and not waited for.
 OutputPipe::~OutputPipe() {
   Drain();
-  m_ended = true;
-  (void)!::write(m_writeEnd, "", 1);
+  (void)!::write(m_end.write, "", 1);
   m_thread.join();
-  ::close(m_writeEnd);
-  ::close(m_readEnd);
 }
 
 void OutputPipe::receive() {
-  while (!m_ended) {
-    if (!isReadable(m_readEnd, -1)) continue;
+  for (;;) {
+    pollfd waited[] = {{m_end.read, POLLIN, 0}, {m_output.read, POLLIN, 0}};
+    if (::poll(waited, 2, -1) == -1) continue;
+    if (waited[0].revents != 0) return;
     const std::lock_guard lock(m_reading);
-    if (!m_ended && isReadable(m_readEnd, 0)) readOnce();
+    readSome(bytesThere());
   }
 }
 
 void OutputPipe::Drain() {
   const std::lock_guard lock(m_reading);
-  while (isReadable(m_readEnd, 0)) readOnce();
+  for (std::size_t left = bytesThere(); left > 0;) left -= readSome(left);
 }
 
-void OutputPipe::readOnce() {
+std::size_t OutputPipe::bytesThere() const {
+  int count = 0;
+  return ::ioctl(m_output.read, FIONREAD, &count) == 0 ? static_cast<std::size_t>(count) : 0;
+}
+
+// REQUIRES: so many are there, and m_reading is held.
+std::size_t OutputPipe::readSome(std::size_t atMost) {
   std::array<char, 8192> bytes;
-  const ssize_t count = ::read(m_readEnd, bytes.data(), bytes.size());
-  if (count > 0) m_receiver({bytes.data(), static_cast<std::size_t>(count)});
+  if (atMost == 0) return 0;
+  const ssize_t count = ::read(m_output.read, bytes.data(), std::min(atMost, bytes.size()));
+  if (count <= 0) return atMost;  // nothing of it will come
+  m_receiver({bytes.data(), static_cast<std::size_t>(count)});
+  return static_cast<std::size_t>(count);
 }
 
 OutputPipe::Redirection::Redirection(const OutputPipe& pipe)
-    : m_out(replaceStream(STDOUT_FILENO, pipe.m_writeEnd)), m_error(replaceStream(STDERR_FILENO, pipe.m_writeEnd)) {}
+    : m_out(replaceStream(STDOUT_FILENO, pipe.m_output.write)),
+      m_error(replaceStream(STDERR_FILENO, pipe.m_output.write)) {}
 
 OutputPipe::Redirection::~Redirection() {
   restoreStream(STDOUT_FILENO, m_out);

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <atomic>
+#include <cstddef>
 #include <functional>
 #include <mutex>
 #include <string_view>
@@ -33,13 +33,23 @@ class OutputPipe {
   void Drain();
 
  private:
+  struct Ends {
+    Ends();
+    ~Ends();
+    Ends(const Ends&) = delete;
+    Ends& operator=(const Ends&) = delete;
+
+    int read;
+    int write;
+  };
+
   void receive();
-  void readOnce();
+  std::size_t bytesThere() const;
+  std::size_t readSome(std::size_t atMost);
 
   const Receiver m_receiver;
-  int m_readEnd;
-  int m_writeEnd;
-  std::atomic<bool> m_ended{false};
+  const Ends m_output;
+  const Ends m_end;  // tells the thread
   std::mutex m_reading;
   std::thread m_thread;
 };

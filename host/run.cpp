@@ -28,8 +28,7 @@ Session::Place PlaceOf(const CommandLine& commandLine, XConfigOptions& options) 
 
 // A connection that breaks, and not only a block that fails, ends the run.
 void RequireEngine(Session& session, const XConfigOptions& options, int code) {
-  const bool broke = code == vexadx::kPipeClosed || code == vexadx::kPipeFailed || code == vexadx::kSocketFailed;
-  if (!session.HasProcess() || !broke) return;
+  if (!session.HasLost(code)) return;
   throw Problem(kEngineDied, "the process of the engine " + options.XName() + ' ' + session.Death(),
                 "what the blocks had computed is gone; a run with --trace FILE shows the step it was in");
 }

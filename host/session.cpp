@@ -229,14 +229,25 @@ BlockResult Session::Run(Block& block) {
   return result;
 }
 
+bool Session::HasLost(int code) {
+  if (!m_outside) return false;
+  if (m_socket && code == vexadx::kSocketFailed) return true;
+  // A block may answer these itself.
+  return (code == vexadx::kPipeClosed || code == vexadx::kPipeFailed) && ProcessSoonEnded(*m_outside).hasEnded;
+}
+
 std::string Session::Death() {
-  const vexadx::XProcess process = ProcessSoonEnded(*m_outside);
+  const vexadx::XProcess process = vexadx::ProcessOf(*m_outside);
   return process.hasEnded ? EndText(process.status) : "no longer answers";
 }
 
+// What the engine writes while it stops is still its output.
 int Session::Stop() {
   gProcess = 0;
-  return m_engine->stop_embedded_x();
+  const int code = m_engine->stop_embedded_x();
+  if (m_outside) (void)ProcessSoonEnded(*m_outside);
+  if (m_output) m_output->Drain();
+  return code;
 }
 
 // The run of the Java extension ends with its process, and the library does not look how.

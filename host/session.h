@@ -41,9 +41,8 @@ class Session {
 
   BlockResult Run(Block& block);
 
-  bool HasProcess() const { return m_outside != nullptr; }
-
-  // What became of the engine's process, in words, after a block answered the code of a broken connection.
+  // Whether the engine's process is lost after a block answered the code, and what became of it, in words.
+  bool HasLost(int code);
   std::string Death();
 
   // The engine's code.

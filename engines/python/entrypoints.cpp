@@ -33,11 +33,17 @@ int stop() {
   return 0;
 }
 
-// An older host has a table that ends earlier.
+// An older host has a table that ends earlier, a newer one a longer one.
+template <typename Member>
+bool has(const vexadx::HostCallback& host, const Member& member) {
+  const auto* const begin = reinterpret_cast<const char*>(&host);
+  return reinterpret_cast<const char*>(&member + 1) - begin <= static_cast<std::ptrdiff_t>(host.size);
+}
+
 void meetHost(const vexadx::HostCallback* host) {
   if (!host || std::memcmp(host->tag, vexadx::kHostCallbackTag, sizeof host->tag) != 0) return;
-  if (host->size >= sizeof *host) vexapython::SetErrorFunction(host->noteError);
-  if (host->size < offsetof(vexadx::HostCallback, noteError) || !host->setInterrupt) return;
+  if (has(*host, host->noteError)) vexapython::SetErrorFunction(host->noteError);
+  if (!has(*host, host->setInterrupt) || !host->setInterrupt) return;
   vexapython::ExpectInterrupts();
   host->setInterrupt(vexapython::InterruptBlocks);
 }

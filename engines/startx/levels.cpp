@@ -1,22 +1,22 @@
 #include "levels.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
-#include <filesystem>
-#include <string_view>
 #include <utility>
+#include <vector>
 
 #include "xpipemanager.h"
-
-namespace fs = std::filesystem;
 
 namespace {
 
 // A file system's clock may go in steps of some milliseconds: a directory that changed a moment ago may change again
 // without showing it.
 constexpr long kSettledNs = 50'000'000;
+
+// So many nested runs may be registered and not begun.
+constexpr int kNotRun = 8;
 
 timespec lastChange(const std::string& directory) {
   struct stat status {};
@@ -26,6 +26,11 @@ timespec lastChange(const std::string& directory) {
 #else
   return status.st_mtim;
 #endif
+}
+
+bool isFifo(const std::string& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
 }
 
 bool isSettled(const timespec& change) {
@@ -42,32 +47,31 @@ bool areEqual(const timespec& a, const timespec& b) { return a.tv_sec == b.tv_se
 Levels::Levels(std::string directory, std::string prefix)
     : m_directory(std::move(directory)), m_prefix(std::move(prefix)) {}
 
-int Levels::levelOf(const std::string& fileName) const {
-  if (!fileName.starts_with(m_prefix) || !fileName.ends_with(XPipes::SYNTAX_RESULT_PIPE)) return -1;
-  const char* const begin = fileName.data() + m_prefix.size();
-  const char* const end = fileName.data() + fileName.size() - XPipes::SYNTAX_RESULT_PIPE.size();
-  int level = -1;
-  const auto [last, error] = std::from_chars(begin, std::max(begin, end), level);
-  return error == std::errc() && last == end ? level : -1;
+std::string Levels::pipe(int level, const std::string& role) const {
+  return m_directory + m_prefix + std::to_string(level) + role;
 }
 
-int Levels::Highest() {
+int Levels::Highest(int innermost) {
   const timespec change = lastChange(m_directory);
-  if (areEqual(change, m_lastChange)) return m_highest;
-  m_highest = -1;
-  std::error_code ignored;
-  for (const fs::directory_entry& entry : fs::directory_iterator(m_directory, ignored)) {
-    m_highest = std::max(m_highest, levelOf(entry.path().filename().string()));
-  }
+  if (innermost == m_innermost && areEqual(change, m_lastChange)) return m_highest;
+  m_reached = std::max(m_reached, innermost + kNotRun);
+  m_highest = innermost + kNotRun;
+  while (m_highest >= 0 && !isFifo(pipe(m_highest, XPipes::SYNTAX_RESULT_PIPE))) --m_highest;
+  m_innermost = innermost;
   m_lastChange = isSettled(change) ? change : timespec{};
   return m_highest;
 }
 
-void Levels::RemoveAllPipes() const {
-  std::error_code ignored;
-  for (const fs::directory_entry& entry : fs::directory_iterator(m_directory, ignored)) {
-    if (entry.path().filename().string().starts_with(m_prefix) && entry.is_fifo(ignored)) {
-      fs::remove(entry.path(), ignored);
+void Levels::RemovePipes() const {
+  std::vector<std::string> pipes;
+  for (const char* name : {"_s", "_c", "P2C", "C2P"}) pipes.push_back(m_directory + m_prefix + name);
+  for (int level = 0; level <= m_reached; ++level) {
+    for (const std::string* role :
+         {&XPipes::SYNTAX_PIPE, &XPipes::SYNTAX_RESULT_PIPE, &XPipes::XDAPI_PIPE, &XPipes::XDAPI_RESULT_PIPE}) {
+      pipes.push_back(pipe(level, *role));
     }
+  }
+  for (const std::string& path : pipes) {
+    if (isFifo(path)) (void)::unlink(path.c_str());
   }
 }

@@ -5,13 +5,13 @@
 #include <chrono>
 #include <cstdio>
 #include <string>
-#include <thread>
 
 #include "dxglobals.h"
 #include "environment.h"
 #include "hostwatch.h"
 #include "levels.h"
 #include "plugin.h"
+#include "quietthread.h"
 #include "server.h"
 #include "vexadx_plugin.h"
 #include "vexadxconfigreader.h"
@@ -87,7 +87,7 @@ int main(int argc, char** argv) {
   Server server(plugin, levels, arguments.pipeDirectory + arguments.pipeId + arguments.xName, options.IsNestable());
   takeInterrupts();
   server.ServeCommands();
-  std::thread([&server, host] {
+  QuietThread([&server, host] {
     if (!MayBeAdopted(host) || server.HearsFromHost(kFirstCommand)) AwaitHostsEnd(host);
     server.LeaveHost();  // the pipes have been made, and are removed
   }).detach();

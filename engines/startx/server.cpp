@@ -7,11 +7,11 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <functional>
 #include <thread>
 #include <utility>
 
 #include "framing.h"
+#include "quietthread.h"
 #include "vexadx_codes.h"
 #include "xpipemanager.h"
 
@@ -23,21 +23,10 @@ using namespace std::chrono_literals;
 
 constexpr int kEndCommands = -1;  // what ends the library's loop once the reply has been sent
 constexpr int kNestedRunRefused = 2;
-constexpr unsigned kLeaveSeconds = 1;
+constexpr auto kLeave = 1s;
 constexpr auto kInterruptEach = 50ms;
 
 std::atomic<bool> gIsCopy{false};  // of the process that the host started
-
-// Threads that take no signals: those are the main thread's, whose system calls they end.
-std::thread quietThread(std::function<void()> work) {
-  sigset_t all;
-  sigset_t mask;
-  ::sigfillset(&all);
-  ::pthread_sigmask(SIG_SETMASK, &all, &mask);
-  std::thread thread(std::move(work));
-  ::pthread_sigmask(SIG_SETMASK, &mask, nullptr);
-  return thread;
-}
 
 // Lets the thread be cancelled for a scope: while it waits for a block, never while it executes one.
 class Cancellable {
@@ -48,20 +37,16 @@ class Cancellable {
   Cancellable& operator=(const Cancellable&) = delete;
 };
 
-void killGroup(int) { ::kill(0, SIGKILL); }
+void killGroup() { ::kill(0, SIGKILL); }
 
-void endProcess(int) { ::_exit(1); }
+void endProcess() { ::_exit(1); }
 
-// Calls the function when the time is over, on this thread if need be.
-void limitTime(void (*function)(int)) {
-  struct sigaction action {};
-  action.sa_handler = function;
-  (void)::sigaction(SIGALRM, &action, nullptr);
-  sigset_t alarm;
-  ::sigemptyset(&alarm);
-  ::sigaddset(&alarm, SIGALRM);
-  ::pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
-  (void)::alarm(kLeaveSeconds);
+// Calls the function when the time is over: nothing that a block does prevents it.
+void limitTime(void (*function)()) {
+  QuietThread([function] {
+    std::this_thread::sleep_for(kLeave);
+    function();
+  }).detach();
 }
 
 }  // namespace
@@ -119,7 +104,7 @@ void Server::ServeCommands() {
   (void)::pthread_atfork(nullptr, nullptr, [] { gIsCopy = true; });
   m_outermost = std::make_unique<Level>(m_prefix, 0);
   m_commands = std::make_unique<DXCmdDispatcher>(m_prefix, true);
-  quietThread([this] { serve(); }).detach();
+  QuietThread([this] { serve(); }).detach();
 }
 
 void Server::serve() {
@@ -132,7 +117,7 @@ void Server::serve() {
 }
 
 void Server::LeaveHost() {
-  m_levels.RemoveAllPipes();
+  m_levels.RemovePipes();
   leave(&killGroup);
 }
 
@@ -185,7 +170,7 @@ int Server::awaitStart() {
 // A level that has a run already lost its host's interest in that, and what was nested in it did as well.
 int Server::beginRun() {
   if (const int code = awaitStart(); code != kSuccess) return code;
-  const int number = m_levels.Highest();
+  const int number = m_levels.Highest(innermost());
   if (number < 0) return vexadx::kPipeFailed;
   if (number > 0 && !m_isNestable) return kNestedRunRefused;
   while (!m_nested.empty() && m_nested.back()->number >= number) m_nested.pop_back();
@@ -204,7 +189,7 @@ void Server::replyToBeginning() {
   const bool isNested = &level != m_outermost.get();
   level.isSetUp = m_beginCode == kSuccess;
   if (isNested && level.isSetUp && !level.thread.joinable()) {
-    level.thread = quietThread([this, &level] {
+    level.thread = QuietThread([this, &level] {
       ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
       executeNext(level);
     });
@@ -214,7 +199,11 @@ void Server::replyToBeginning() {
   if (isNested && !level.isSetUp) m_nested.pop_back();  // no end of the run follows
 }
 
+int Server::innermost() const { return m_nested.empty() ? 0 : m_nested.back()->number; }
+
+// Nested runs whose pipes the host has removed were given up, and their end is not told.
 int Server::endRun() {
+  while (!m_nested.empty() && innermost() > m_levels.Highest(innermost())) m_nested.pop_back();
   const bool isNested = !m_nested.empty();
   Level& level = isNested ? *m_nested.back() : *m_outermost;
   if (!level.isSetUp.exchange(false)) return vexadx::kNotInitialized;
@@ -249,7 +238,7 @@ int Server::execute(Level& level, CleXDSmb& block, std::vector<std::string>& err
   std::string text = block.GetSingleString();
   const int code = m_plugin.Execute(text.data(), error);
   (void)std::fflush(nullptr);  // what the language wrote comes before its code
-  if (gIsCopy) ::_exit(0);     // a child that the block forked has nothing to tell the host
+  if (gIsCopy) ::_exit(code);  // a child that the block forked has nothing to tell the host
   noteBlocks(-1);
   return code;
 }
@@ -261,21 +250,19 @@ void Server::noteBlocks(int more) {
 }
 
 // The commands and the host's end may both come to this.
-void Server::leave(void (*whenTimeIsOver)(int)) {
+void Server::leave(void (*whenTimeIsOver)()) {
   if (m_leaving.exchange(true)) {
     for (;;) ::pause();
   }
   limitTime(whenTimeIsOver);
   for (const char* own : {"_s", "0syntax"}) (void)::unlink((m_prefix + own).c_str());
-  {
-    std::unique_lock lock(m_guard);
-    while (m_executing > 0) {
-      Plugin::Interrupt();
-      m_changed.wait_for(lock, kInterruptEach);
-    }
+  std::unique_lock lock(m_guard);
+  while (m_executing > 0) {
+    Plugin::Interrupt();
+    m_changed.wait_for(lock, kInterruptEach);
   }
-  (void)m_plugin.Stop();
+  if (m_started) (void)m_plugin.Stop();
   (void)std::fflush(nullptr);
-  if (whenTimeIsOver == &killGroup) killGroup(SIGALRM);
+  if (whenTimeIsOver == &killGroup) killGroup();
   ::_exit(0);
 }

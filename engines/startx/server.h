@@ -51,11 +51,12 @@ class Server : private DXCmdDispatcherVisitor {
   int beginRun();
   void replyToBeginning();
   int endRun();
+  int innermost() const;  // level of the active runs
   void executeNext(Level& level);
   static int receive(Level& level, CleXDSmb& block);
   int execute(Level& level, CleXDSmb& block, std::vector<std::string>& error);
   void noteBlocks(int more);
-  [[noreturn]] void leave(void (*whenTimeIsOver)(int));
+  [[noreturn]] void leave(void (*whenTimeIsOver)());
 
   Plugin& m_plugin;
   Levels& m_levels;

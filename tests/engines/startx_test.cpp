@@ -109,6 +109,51 @@ TEST_F(StartX, SaysWhatTheLanguageSaid) {
   EXPECT_EQ(0, x.Stop());
 }
 
+// A pipe of CTEST3 has the name that one of CTEST would have at a level beginning with 3.
+TEST_F(StartX, OfALikeNameHasNoLevelOfThisOne) {
+  m_home.Configure("[CTEST]\nLIB_NAME=ctest\n[CTEST3]\nLIB_NAME=ctest\n");
+  OutpX& x = Add("CTEST");
+  OutpX& x3 = Add("CTEST3");
+  ASSERT_EQ(0, x.Start());
+  ASSERT_EQ(0, x3.Start());
+  for (int round = 0; round < 3; ++round) {
+    EXPECT_EQ(0, x3.Run("0"));
+    EXPECT_EQ(0, x.Run("0"));
+  }
+  EXPECT_EQ(0, x.Stop());
+  EXPECT_EQ(0, x3.Run("0")) << "whose pipes are its own";
+  EXPECT_EQ(0, x3.Stop());
+}
+
+TEST_F(StartX, StartsAnewForAnotherEngineOfTheX) {
+  OutpX& x = Add("CTEST");
+  for (const bool isKilled : {false, true, false}) {
+    OutpStatisticsX engine(&x.options, 1, true);
+    std::string block = "0";
+    ASSERT_EQ(0, engine.init_embedded_x(0, nullptr));
+    EXPECT_EQ(0, engine.pre_action());
+    EXPECT_EQ(0, engine.execute_x(block.data()));
+    EXPECT_EQ(0, engine.post_action());
+    if (isKilled) ::kill(vexadx::ProcessOf(engine).id, SIGKILL);
+  }
+}
+
+TEST_F(StartX, DiesAlsoWhenItsFilesAreGoneAndAChildHasThePipes) {
+  OutpX& x = Add("PYX");
+  ASSERT_EQ(0, x.Start());
+  ASSERT_EQ(0, x.Begin());
+  const Clock::time_point begin = Clock::now();
+  EXPECT_EQ(99103, x.Execute("import glob, os, signal, time\n"
+                             "if os.fork() == 0:\n  time.sleep(3)\n  os._exit(0)\n"
+                             "for pipe in glob.glob(os.environ['VEXADXTEMP'] + '*'): os.remove(pipe)\n"
+                             "os.kill(os.getpid(), signal.SIGKILL)\n"));
+  EXPECT_LT(Clock::now() - begin, 1s);
+  (void)x.Stop();
+  ASSERT_EQ(0, x.Start());
+  EXPECT_EQ(0, x.Run("1"));
+  EXPECT_EQ(0, x.Stop());
+}
+
 // At random moments of runs, more often in blocks that take a while to be moved.
 TEST_F(StartX, CanBeKilledAtAnyMoment) {
   const int given = GTEST_FLAG_GET(random_seed);

@@ -229,17 +229,17 @@ TEST_F(JavaEngine, AStartEndsWithTheProcessThatItWaitsFor) {
   const struct {
     const char* what;
     const char* script;  // null: no runtime
-    bool isKilled;
-    std::chrono::milliseconds awaited;  // before that
-    int status;
     std::string out;
+    std::chrono::milliseconds awaited;  // before it is killed
+    int status;
+    bool isKilled;
   } cases[] = {
-      {"it never connects", "say wait", true, 1s, SIGKILL, "process "},
-      {"it ends before it connects", "", false, 0s, 0, ""},
-      {"it connects and ends at once", "connect", false, 0s, 0, ""},
-      {"it connects and is killed at once", "connect say wait", true, 0s, SIGKILL, "process "},
-      {"it leaves a child behind with the connection", "connect leave", false, 0s, 0, ""},
-      {"there is no runtime", nullptr, false, 0s, 0xff00, "No such file or directory\n"},
+      {"it never connects", "say wait", "process ", 1s, SIGKILL, true},
+      {"it ends before it connects", "", "", 0s, 0, false},
+      {"it connects and ends at once", "connect", "", 0s, 0, false},
+      {"it connects and is killed at once", "connect say wait", "process ", 0s, SIGKILL, true},
+      {"it leaves a child behind with the connection", "connect leave", "", 0s, 0, false},
+      {"there is no runtime", nullptr, "No such file or directory\n", 0s, 0xff00, false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);

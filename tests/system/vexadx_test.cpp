@@ -537,10 +537,10 @@ TEST_F(VexadxPythonTest, AChildOfABlockDoesNotAnswerForIt) {
   const Outcome outcome = RunVexadx(Python(kOutside, {"-e",
                                                       "import os\nchild = os.fork()\n"
                                                       "if child == 0:\n  print('child')\n  raise SystemExit(5)\n"
-                                                      "_ = os.waitpid(child, 0)",
+                                                      "print(os.WEXITSTATUS(os.waitpid(child, 0)[1]))",
                                                       "-e", "print('next')"}));
   EXPECT_EQ(0, outcome.status) << outcome.err;
-  EXPECT_EQ("child\nnext\n", outcome.out);
+  EXPECT_EQ("child\n5\nnext\n", outcome.out);
 }
 
 TEST_F(VexadxPythonTest, AnEngineHasNoInputAndNoTerminalSignals) {
@@ -559,6 +559,19 @@ TEST_F(VexadxPythonTest, PipesAreRemovedAtTheEndOrByTheNextRun) {
   EXPECT_FALSE(HasNoPipes());
   EXPECT_EQ(0, RunVexadx(Python(kOutside, {"-e", ""})).status);
   EXPECT_TRUE(HasNoPipes());
+}
+
+TEST_F(VexadxPythonTest, ACodeThatABlockAnswersIsNoDeath) {
+  const Outcome outcome = RunVexadx(Python(kOutside, {"-e", "raise SystemExit(99104)", "-e", "print('next')"}));
+  EXPECT_EQ(1, outcome.status);
+  EXPECT_EQ("next\n", outcome.out);
+}
+
+TEST_F(VexadxPythonTest, WhatAnEngineWritesWhenItStopsIsOutput) {
+  const Outcome outcome = RunVexadx(
+      Python(kOutside, {"--json", "-e", "import sys\nsys.stdout = open(1, 'w', closefd=False)\nprint('late')"}));
+  EXPECT_EQ(0, outcome.status);
+  EXPECT_EQ("late\n", OutputOf(outcome.out));
 }
 
 // Commands of the staged Java extension.
@@ -632,7 +645,9 @@ TEST_F(VexadxJavaTest, AProcessThatIsKilledEndsTheRun) {
 TEST_F(VexadxJavaTest, AConnectionThatBreaksInTheMiddleOfABlockEndsTheRun) {
   home.Remove("JRE");
   std::filesystem::create_directory_symlink(VEXADX_JAVA_PEER, home.Path("JRE"));
-  const std::string large = home.Write("large", std::string(32'000'000, 'x'));
+  std::string text;
+  text.resize(32'000'000, 'x');
+  const std::string large = home.Write("large", text);
   ::setenv("JAVA_PEER", "connect receive", 1);
   const Outcome outcome = RunVexadx(Java("STATS_HELLO", {large, "-e", "next"}));
   EXPECT_EQ(4, outcome.status);

@@ -71,7 +71,6 @@ class VEXADX_API OutpStatisticsX : public StatisticsX {
   VEXADX_HIDDEN XPipeSuit& suit() const;
   VEXADX_HIDDEN int startProcess(XCmdArgument& arguments);
   VEXADX_HIDDEN void leaveEarlierProcess();
-  VEXADX_HIDDEN void endProcess();
   VEXADX_HIDDEN int checkReady();
   VEXADX_HIDDEN int executeJava();
 

@@ -43,7 +43,7 @@ class VEXADX_API XPipes {
  private:
   friend class XPipeSuit;
 
-  VEXADX_HIDDEN void renewEnds(bool ownToo);
+  VEXADX_HIDDEN void dropEnds(bool ownToo);
   VEXADX_HIDDEN std::unique_ptr<VexaPipe> named(const std::string& role) const;
 
   std::string m_prefix;
@@ -53,6 +53,7 @@ class VEXADX_API XPipes {
   std::unique_ptr<VexaPipe> m_xdapiResultPipe;
 };
 
+class PeerWatch;
 class XPipeManager;
 
 // All pipes of one X: a set for each nesting level, the commands, the monitors.
@@ -102,6 +103,7 @@ class VEXADX_API XPipeSuit {
   std::unique_ptr<MonitorThread> m_monitorP2C;
   std::unique_ptr<MonitorThread> m_monitorC2P;
   std::unique_ptr<DXCmdDispatcher> m_dispatcher;
+  std::shared_ptr<PeerWatch> m_lastProcess;  // that was started behind these pipes, by whatever engine
   mutable std::mutex m_guard;  // guards m_pipe_index and m_pipes. No set is destroyed under it
 };
 

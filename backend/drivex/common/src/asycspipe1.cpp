@@ -47,8 +47,8 @@ int AsyCsPipe1::closePipe() {
 
 void AsyCsPipe1::renewEnds(bool ownToo) {
   (void)closePipe();
-  (m_isServer ? m_clientPipe : m_serverPipe)->renewEnd();
-  if (ownToo) (m_isServer ? m_serverPipe : m_clientPipe)->renewEnd();
+  (m_isServer ? m_clientPipe : m_serverPipe)->dropEnd();
+  if (ownToo) (m_isServer ? m_serverPipe : m_clientPipe)->dropEnd();
   (void)openPipe();
 }
 

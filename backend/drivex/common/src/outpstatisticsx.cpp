@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "cancellationguard.h"
 #include "clexdsmb.h"
 #include "dxglobals.h"
 #include "dxtraceline.h"
@@ -97,6 +98,18 @@ class Launch {
   std::vector<std::string> m_errorLines;  // by error number
 };
 
+void endProcess(PeerWatch& process) {
+  process.Signal(SIGKILL);
+  (void)process.AwaitEnd(kKilled);
+  process.Reap();
+}
+
+// One that was told to stop gets the time for it.
+void endEarlier(PeerWatch& process) {
+  if (process.IsToBeReaped()) (void)process.AwaitEnd(kStopped);
+  endProcess(process);
+}
+
 const char* modeName(int mode) { return mode != 0 ? "LOCAL" : "REMOTE"; }
 
 std::string inHome(const std::string& relative) {
@@ -108,9 +121,12 @@ std::string inHome(const std::string& relative) {
 }  // namespace
 
 OutpStatisticsX::OutpStatisticsX(XConfigOptions* options, int mode, bool vexaDrive)
-    : StatisticsX(vexaDrive), m_options(options), m_processId(-1), m_mode(mode), m_isJava(false), m_stopping(false) {}
+    : StatisticsX(vexaDrive), m_options(options), m_processId(-1), m_mode(mode), m_isJava(false) {}
 
-OutpStatisticsX::~OutpStatisticsX() { (void)stop_embedded_x(); }
+OutpStatisticsX::~OutpStatisticsX() {
+  const CancellationGuard noCancellation;
+  (void)stop_embedded_x();
+}
 
 int OutpStatisticsX::x_init_embedded_x(int argc, char** argv) {
   if (argc < 1 || std::string_view(argv[0]) != "JavaExtension") return stat_start_x();
@@ -139,25 +155,18 @@ int OutpStatisticsX::startProcess(XCmdArgument& arguments) {
   if (!m_watch) return vexadx::kProcessNotAlive;
   m_processId = launch.Fork();
   m_watch->Begin(m_processId);
+  if (!m_isJava) suit().m_lastProcess = m_watch;
   return kSuccess;
 }
 
 // Before another one is started. What is left of an earlier one must not meet it: not the process, which removes its
 // files when it ends, nor descriptors of the same pipes.
 void OutpStatisticsX::leaveEarlierProcess() {
-  const bool isFirst = !m_watch;
-  if (!isFirst) {
-    if (m_stopping) (void)m_watch->AwaitEnd(kStopped);
-    endProcess();
-    m_stopping = false;
-  }
-  if (!m_isJava) suit().renewEnds(!isFirst);
-}
-
-void OutpStatisticsX::endProcess() {
-  m_watch->Signal(SIGKILL);
-  (void)m_watch->AwaitEnd(kKilled);
-  m_watch->Reap();
+  if (m_watch) endEarlier(*m_watch);
+  if (m_isJava) return;
+  const std::shared_ptr<PeerWatch> last = suit().m_lastProcess;
+  if (last && last != m_watch) endEarlier(*last);
+  suit().renewEnds(last != nullptr);
 }
 
 int OutpStatisticsX::stat_start_x() {
@@ -180,7 +189,7 @@ int OutpStatisticsX::stat_start_x() {
     sleepThrough(kStart);
     code = isXProcessActive() ? checkReady() : vexadx::kProcessNotAlive;
   }
-  if (code != kSuccess && m_watch) endProcess();
+  if (code != kSuccess && m_watch) endProcess(*m_watch);
   return code;
 }
 
@@ -221,7 +230,7 @@ int OutpStatisticsX::stat_start_java() {
     code = vexadx::kJavaNotAlive;
   }
   TraceCode("stat_start_java result", code);
-  if (code != kSuccess && m_watch) endProcess();
+  if (code != kSuccess && m_watch) endProcess(*m_watch);
   return code;
 }
 
@@ -237,7 +246,6 @@ int OutpStatisticsX::stat_stop_x() {
   (void)suit().stopMonitor(false);
   (void)suit().stopMonitor(true);
   if (m_watch) {
-    m_stopping = true;
     if (m_isJava) m_watch->Signal(SIGTERM);  // it serves no commands
     m_watch->Reap();
   }

@@ -32,30 +32,13 @@ using namespace std::chrono_literals;
 constexpr auto kSlowLook = 50ms;  // where the system does not tell of a death
 constexpr auto kReleaseEach = 1ms;
 
-class Descriptor {
- public:
-  explicit Descriptor(int descriptor) : m_descriptor(descriptor) {}
-  ~Descriptor() {
-    if (m_descriptor != -1) ::close(m_descriptor);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-
-  operator int() const { return m_descriptor; }
-
- private:
-  const int m_descriptor;
-};
-
-// A file that is no FIFO is nobody's other end.
-Descriptor openOtherEnd(const char* pipe, int mode) {
-  const int descriptor = ::open(pipe, mode | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
+// -1 when there is none: a file that is no FIFO is nobody's other end.
+int openOtherEnd(const char* pipe, int mode) {
+  const int descriptor = ::open(pipe, mode | O_NONBLOCK | O_CLOEXEC);
   struct stat status;
-  if (descriptor != -1 && (::fstat(descriptor, &status) != 0 || !S_ISFIFO(status.st_mode))) {
-    ::close(descriptor);
-    return Descriptor(-1);
-  }
-  return Descriptor(descriptor);
+  if (descriptor == -1 || (::fstat(descriptor, &status) == 0 && S_ISFIFO(status.st_mode))) return descriptor;
+  ::close(descriptor);
+  return -1;
 }
 
 int bytesIn(int descriptor) {
@@ -78,7 +61,7 @@ void awaitDeathSlowly(pid_t process) {
 
 #if defined(__linux__) && defined(SYS_pidfd_open)
 void awaitDeath(pid_t process) {
-  const Descriptor descriptor(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
+  const PeerWatch::Descriptor descriptor(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
   if (descriptor == -1) return awaitDeathSlowly(process);
   pollfd waited{descriptor, POLLIN, 0};
   while (::poll(&waited, 1, -1) == -1 && errno == EINTR) {
@@ -86,7 +69,7 @@ void awaitDeath(pid_t process) {
 }
 #elif defined(__APPLE__)
 void awaitDeath(pid_t process) {
-  const Descriptor queue(::kqueue());
+  const PeerWatch::Descriptor queue(::kqueue());
   struct kevent change;
   EV_SET(&change, process, EVFILT_PROC, EV_ADD | EV_ONESHOT, NOTE_EXIT, 0, nullptr);
   struct kevent event;
@@ -168,10 +151,16 @@ bool PeerWatch::AwaitEnd(std::chrono::milliseconds atMost) {
   return m_changed.wait_for(lock, atMost, [this] { return m_ended.load(); });
 }
 
+// Once it has died its number is its own only as long as it is there to be reaped.
+bool PeerWatch::isGone() {
+  siginfo_t info;
+  if (!m_gone && !(m_ended ? hasDied(m_process, info) : isThere(m_process))) m_gone = true;
+  return m_gone;
+}
+
 bool PeerWatch::IsGone() {
   const std::lock_guard lock(m_guard);
-  if (!m_gone && !isThere(m_process)) m_gone = true;
-  return m_gone;
+  return isGone();
 }
 
 // A child that was stopped is also told of, and not reaped.
@@ -193,9 +182,14 @@ void PeerWatch::Reap() {
   m_reapLater = !reapNow();
 }
 
+bool PeerWatch::IsToBeReaped() {
+  const std::lock_guard lock(m_guard);
+  return m_reapLater;
+}
+
 void PeerWatch::Signal(int number) {
   const std::lock_guard lock(m_guard);
-  if (!m_gone) (void)::kill(m_process, number);
+  if (!isGone() && !m_ended) (void)::kill(m_process, number);
 }
 
 std::optional<int> PeerWatch::EndStatus() {
@@ -235,11 +229,11 @@ PeerWatch::Operation::~Operation() {
 // reads. A connection has ended for both.
 void PeerWatch::Operation::release(int kind) {
   if (kind == Wait::kSend) {
-    (void)::shutdown(m_connection, SHUT_RDWR);
+    (void)::shutdown(m_descriptor, SHUT_RDWR);
     return;
   }
   const bool toWrite = kind == Wait::kOpenToRead || kind == Wait::kRead;
-  const Descriptor other = openOtherEnd(m_pipe, toWrite ? O_WRONLY : O_RDONLY);
+  const Descriptor other(openOther(toWrite ? O_WRONLY : O_RDONLY));
   if (other == -1) return;
   if (kind == Wait::kRead && !m_byteInPipe) m_byteInPipe = ::write(other, "", 1) == 1;
   if (kind == Wait::kWrite) {
@@ -249,10 +243,27 @@ void PeerWatch::Operation::release(int kind) {
   }
 }
 
-void PeerWatch::Wait::begin(Kind kind, const char* pipe, int connection) {
+// The file may be gone, and with it the name.
+int PeerWatch::Operation::openOther(int mode) const {
+#ifdef O_PATH
+  if (m_descriptor != -1) {
+    const std::string link = "/proc/self/fd/" + std::to_string(m_descriptor);
+    if (const int other = openOtherEnd(link.c_str(), mode); other != -1) return other;
+  }
+#endif
+  return openOtherEnd(m_pipe, mode | O_NOFOLLOW);
+}
+
+void PeerWatch::Wait::begin(Kind kind, const char* pipe, int descriptor) {
   if (PeerIsGone()) return;
+#ifdef O_PATH
+  if (kind == kOpenToRead || kind == kOpenToWrite) {
+    m_operation->m_opened.Reset(::open(pipe, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    descriptor = m_operation->m_opened;
+  }
+#endif
   m_operation->m_pipe = pipe;
-  m_operation->m_connection = connection;
+  m_operation->m_descriptor = descriptor;
   m_operation->m_waiting = kind;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -20,6 +21,24 @@ class PeerWatch {
  public:
   class Operation;
   class Wait;
+
+  // Closed at the end; -1: none.
+  class Descriptor {
+   public:
+    explicit Descriptor(int descriptor = -1) : m_descriptor(descriptor) {}
+    ~Descriptor() { Reset(-1); }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    void Reset(int descriptor) {
+      if (m_descriptor != -1) ::close(m_descriptor);
+      m_descriptor = descriptor;
+    }
+    operator int() const { return m_descriptor; }
+
+   private:
+    int m_descriptor;
+  };
 
   // Null when there is no memory or thread for it. Begin follows, come what may.
   static std::shared_ptr<PeerWatch> Make();
@@ -42,6 +61,7 @@ class PeerWatch {
 
   // Reaps it if it has died; or else as soon as it does.
   void Reap();
+  bool IsToBeReaped();
 
   // Sends a signal while its number is still its own.
   void Signal(int number);
@@ -53,7 +73,8 @@ class PeerWatch {
   void watch();
   void noteEnd();
   void releaseWaits();
-  bool reapNow();  // whether it is gone. REQUIRES: the lock is held
+  bool isGone();   // REQUIRES: the lock is held, as for the next
+  bool reapNow();  // whether it is gone
 
   std::mutex m_guard;
   std::condition_variable m_changed;
@@ -80,13 +101,17 @@ class PeerWatch::Operation {
   friend class Wait;
 
   void release(int kind);  // REQUIRES: the watch's lock is held
+  int openOther(int mode) const;
 
   static constinit thread_local Operation* current;
 
   const std::shared_ptr<PeerWatch> m_watch;
   std::atomic<int> m_waiting{0};  // for what, a Wait::Kind
-  const char* m_pipe = nullptr;   // where, like the next; not changed any more once the death is noted
-  int m_connection = -1;
+  // Where; not changed any more once the death is noted. The descriptor is that of the pipe or connection, or stands
+  // for the file of a pipe that is being opened.
+  const char* m_pipe = nullptr;
+  int m_descriptor = -1;
+  Descriptor m_opened;
   bool m_byteInPipe = false;  // one that released a read, until it is read. Guarded by the watch's lock
 };
 
@@ -97,8 +122,9 @@ class PeerWatch::Wait {
  public:
   enum Kind : int { kNone, kOpenToRead, kOpenToWrite, kRead, kWrite, kSend };
 
-  Wait(Kind kind, const std::string& pipe) : m_operation(Operation::current) {
-    if (m_operation) begin(kind, pipe.c_str(), -1);
+  // For a read or write the pipe's descriptor as well.
+  Wait(Kind kind, const std::string& pipe, int descriptor = -1) : m_operation(Operation::current) {
+    if (m_operation) begin(kind, pipe.c_str(), descriptor);
   }
   explicit Wait(int connection) : m_operation(Operation::current) {
     if (m_operation) begin(kSend, nullptr, connection);
@@ -117,7 +143,7 @@ class PeerWatch::Wait {
   ssize_t Left(int descriptor, ssize_t got);
 
  private:
-  void begin(Kind kind, const char* pipe, int connection);
+  void begin(Kind kind, const char* pipe, int descriptor);
 
   Operation* const m_operation;
 };

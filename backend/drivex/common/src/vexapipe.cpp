@@ -46,7 +46,7 @@ VexaPipe::~VexaPipe() {
   (void)::unlink(m_pipeName.c_str());
 }
 
-void VexaPipe::renewEnd() {
+void VexaPipe::dropEnd() {
   (void)ClosePipe();
   m_pipeCreated = false;
   struct stat status;
@@ -136,7 +136,7 @@ int VexaPipe::VEXACreateFileR() {
 int VexaPipe::WriteData(const void* buffer, int length, unsigned long*) {
   const auto* bytes = static_cast<const char*>(buffer);
   std::size_t left = static_cast<std::size_t>(std::max(length, 0));
-  const PeerWatch::Wait wait(PeerWatch::Wait::kWrite, m_pipeName);
+  const PeerWatch::Wait wait(PeerWatch::Wait::kWrite, m_pipeName, m_pipe);
   do {  // also nothing is written, once
     if (wait.PeerIsGone()) {
       errno = EPIPE;
@@ -151,7 +151,7 @@ int VexaPipe::WriteData(const void* buffer, int length, unsigned long*) {
 }
 
 int VexaPipe::ReadData(int length, void* buffer, unsigned long& count) {
-  PeerWatch::Wait wait(PeerWatch::Wait::kRead, m_pipeName);
+  PeerWatch::Wait wait(PeerWatch::Wait::kRead, m_pipeName, m_pipe);
   ssize_t got = 0;
   if (!wait.PeerIsGone() || wait.HasLeft(m_pipe)) {
     do {

@@ -58,10 +58,10 @@ VexaPipe* XPipes::GetXDAPIResultPipe() {
   return m_xdapiResultPipe.get();
 }
 
-void XPipes::renewEnds(bool ownToo) {
-  GetSyntaxPipe()->renewEnd();
+void XPipes::dropEnds(bool ownToo) {
+  GetSyntaxPipe()->dropEnd();
   if (!ownToo) return;
-  for (VexaPipe* const pipe : {GetSyntaxResultPipe(), GetXDAPIPipe(), GetXDAPIResultPipe()}) pipe->renewEnd();
+  for (VexaPipe* const pipe : {GetSyntaxResultPipe(), GetXDAPIPipe(), GetXDAPIResultPipe()}) pipe->dropEnd();
 }
 
 XPipeSuit::XPipeSuit(std::string xName, XPipeManager* manager)
@@ -117,7 +117,8 @@ DXCmdDispatcher* XPipeSuit::getCmdDispatcher(bool isServer) {
 
 void XPipeSuit::renewEnds(bool ownToo) {
   getCmdDispatcher(false)->renewEnds(ownToo);
-  for (const auto& pipes : m_pipes) pipes->renewEnds(ownToo);
+  const std::lock_guard lock(m_guard);
+  for (const auto& pipes : m_pipes) pipes->dropEnds(ownToo);
 }
 
 MonitorThread* XPipeSuit::startMonitor(bool p2c, void* handler) {
