@@ -41,8 +41,8 @@ Writer WriteList(Writer writer, const std::vector<Value>& values) {
 }
 
 template <typename Reader>
-void AppendValue(Reader& reader, std::vector<std::string>& values) {
-  reader.AppendText(values);
+void AppendValues(Reader& reader, std::vector<std::string>& values, std::size_t count) {
+  reader.Texts(values, count);
 }
 
 template <typename Reader>
@@ -54,6 +54,11 @@ void AppendValue(Reader& reader, std::vector<dataSet>& values) {
   value.m_int3 = reader.Int();
   value.m_double = reader.Double();
   reader.Text(value.m_string);
+}
+
+template <typename Reader>
+void AppendValues(Reader& reader, std::vector<dataSet>& values, std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) AppendValue(reader, values);
 }
 
 template <typename Value>
@@ -72,7 +77,7 @@ void ReadList(Reader& reader, std::vector<Value>& values) {
     reader.Run(values, count);
   } else {
     messagememory::GrowBy(values, reader.AtHand(count, kLeastBytes<Value>));
-    for (std::size_t i = 0; i < count; ++i) AppendValue(reader, values);
+    AppendValues(reader, values, count);
   }
 }
 

@@ -73,12 +73,22 @@ class MessageReader {
     }
   }
 
-  void AppendText(std::vector<std::string>& texts) {
-    const std::size_t length = Count<1>();
-    if (isShortAndHere(length)) {
-      texts.emplace_back(take(length), length);
-    } else {
-      longText(texts.emplace_back(), length);
+  // Appends so many texts. What is read of a piece is counted in a copy, which stays in registers while memory is
+  // written.
+  void Texts(std::vector<std::string>& texts, std::size_t count) {
+    for (; count > 0; --count) {
+      const char* at = m_piece.data();
+      const char* const end = at + m_piece.size();
+      for (; count > 0 && end - at >= static_cast<std::ptrdiff_t>(wireformat::kIntLen); --count) {
+        const auto length = static_cast<unsigned>(wireformat::Load<int>(at));
+        const char* const text = at + wireformat::kIntLen;
+        if (length >= messagememory::kSmallestKept || length > static_cast<std::size_t>(end - text)) break;
+        texts.emplace_back(text, length);
+        at = text + length;
+      }
+      m_piece = {at, end};
+      if (count == 0) return;
+      Text(texts.emplace_back());  // lies in two pieces, is long, or is no text
     }
   }
 

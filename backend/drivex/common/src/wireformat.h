@@ -97,9 +97,11 @@ class Reader {
     const std::size_t length = Count<1>();
     text.assign(Skip(length), length);
   }
-  void AppendText(std::vector<std::string>& texts) {
-    const std::size_t length = Count<1>();
-    texts.emplace_back(Skip(length), length);
+  void Texts(std::vector<std::string>& texts, std::size_t count) {
+    for (; count > 0; --count) {
+      const std::size_t length = Count<1>();
+      texts.emplace_back(Skip(length), length);
+    }
   }
   template <typename Number>
   void Run(std::vector<Number>& values, std::size_t count) {
