@@ -58,9 +58,23 @@ void ExamineJavaExtension(Examination& examination) {
          examination.Check(kJavaExtension, "archive", &JavaPlugInArchive));
 }
 
+// What an engine needs besides, when it is a process of its own. Looked at from here, as a start that fails takes ten
+// seconds.
+bool ExamineProcess(XConfigOptions& options, Examination& examination) {
+  const auto program = [] {
+    plugincheck::RequireProgram();
+    return std::string("startx can be executed");
+  };
+  const auto library = [&] { return plugincheck::ProcessLibraryFile(options); };
+  return examination.Check(options.XName(), "program", program) &&
+         examination.Check(options.XName(), "process library", library);
+}
+
 void ExamineEngine(const std::string& name, Examination& examination) {
   if (name == kJavaExtension) return ExamineJavaExtension(examination);
   XConfigOptions& options = EngineOptions(name);
+  // The process first: asking the preferences puts their library name into the options.
+  if (!options.IsInnerProcess() && !ExamineProcess(options, examination)) return;
   Session session(options, Session::Place::kThisProcess);
   std::string library;
   const auto java = [&] {

@@ -115,6 +115,18 @@ Problem NotAProgram() {
   return NotExecutable("it is no program for this machine: install vexadx again, or set VEXA_HOME to a complete home");
 }
 
+std::string ProcessLibraryFile(XConfigOptions& options) {
+  std::string name = options.GetOption(XConfigOptions::KEY_LIB_NAME);
+  if (name.empty()) name = LibraryName(options);
+  std::string path = vexadx::PluginLibraryFile(options.GetOption(XConfigOptions::KEY_LIB_PATH), name);
+  std::error_code ignored;
+  if (!fs::exists(path, ignored)) {
+    throw Problem(kNotStarted, "the plug-in library " + path + " of the engine's own process does not exist",
+                  "put it there, or correct LIB_NAME in the section [" + options.XName() + "] (now " + name + ")");
+  }
+  return path;
+}
+
 void RequireUsable(XConfigOptions& options) { RequireEntryPoints(LibraryFile(options, LibraryName(options))); }
 
 }  // namespace plugincheck

@@ -22,8 +22,10 @@ std::string LibraryName(XConfigOptions& options);
 std::string LibraryFile(XConfigOptions& options, const std::string& libraryName);
 void RequireEntryPoints(const std::string& libraryFile);
 
-// The program that a plug-in library has in a process of its own.
+// The program that a plug-in library has in a process of its own, and the library's file there: startx takes its name
+// from the section of the configuration first.
 void RequireProgram();
+std::string ProcessLibraryFile(XConfigOptions& options);
 
 // What is wrong when the system could not execute it all the same.
 Problem NotAProgram();

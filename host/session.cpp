@@ -178,6 +178,7 @@ void Session::Load() {
     (void)JavaPlugInArchive();
   } else if (m_outside) {
     plugincheck::RequireProgram();
+    (void)plugincheck::ProcessLibraryFile(m_options);
   } else {
     loadPlugin();
   }

@@ -268,6 +268,17 @@ TEST_F(VexadxTest, TheDoctorNamesTheFirstProblem) {
     EXPECT_EQ(c.status == 0, last.at("ok"));
     EXPECT_EQ(c.status == 0, last.at("advice").get<std::string>().empty());
   }
+  // Besides what a host process loads: what the engine's own process is and loads.
+  home.Configure("[SUPPORTED_LANG]\nX=PYTHON\n[PYTHON]\nLIB_NAME=gone\n");
+  const Outcome noLibrary = RunVexadx({"doctor"});
+  EXPECT_EQ(3, noLibrary.status);
+  ExpectWords(noLibrary.out, {"PYTHON process library: problem: ", "libgone.dylib", "[PYTHON]"});
+  ExpectProblem(3, {"libgone.dylib", "LIB_NAME", "[PYTHON]"}, {"run", "PYTHON", "-e", "0"});
+  home.Remove("bin/startx");
+  const Outcome noProgram = RunVexadx({"doctor"});
+  EXPECT_EQ(127, noProgram.status);
+  ExpectWords(noProgram.out, {"PYTHON program: problem: ", home.Path("bin/startx")});
+
   home.Remove("bin/vexadxcfg.ini");
   const Outcome plain = RunVexadx({"doctor"});
   EXPECT_EQ(5, plain.status);

@@ -104,7 +104,7 @@ class VEXADX_API XPipeSuit {
   std::unique_ptr<MonitorThread> m_monitorC2P;
   std::unique_ptr<DXCmdDispatcher> m_dispatcher;
   std::shared_ptr<PeerWatch> m_lastProcess;  // that was started behind these pipes, by whatever engine
-  mutable std::mutex m_guard;  // guards m_pipe_index and m_pipes. No set is destroyed under it
+  mutable std::mutex m_guard;                // guards m_pipe_index and m_pipes. No set is destroyed under it
 };
 
 // The suits of all X names, one for each.
