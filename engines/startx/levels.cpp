@@ -54,7 +54,7 @@ std::string Levels::pipe(int level, const std::string& role) const {
 int Levels::Highest(int innermost) {
   const timespec change = lastChange(m_directory);
   if (innermost == m_innermost && areEqual(change, m_lastChange)) return m_highest;
-  m_reached = std::max(m_reached, innermost + kNotRun);
+  m_reached = std::max(m_reached.load(), innermost + kNotRun);
   m_highest = innermost + kNotRun;
   while (m_highest >= 0 && !isFifo(pipe(m_highest, XPipes::SYNTAX_RESULT_PIPE))) --m_highest;
   m_innermost = innermost;

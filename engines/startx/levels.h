@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <ctime>
 #include <string>
 
@@ -25,7 +26,7 @@ class Levels {
   const std::string m_directory;
   const std::string m_prefix;
   int m_highest = -1;
-  int m_innermost = -1;     // for which that holds
-  int m_reached = 0;        // the deepest level that was ever looked for
-  timespec m_lastChange{};  // of the directory, when it was
+  int m_innermost = -1;           // for which that holds
+  std::atomic<int> m_reached{0};  // the deepest level that was ever looked for. For RemovePipes, on any thread
+  timespec m_lastChange{};        // of the directory, when it was
 };
