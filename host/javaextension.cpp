@@ -3,15 +3,9 @@
 #include <unistd.h>
 
 #include "clexdsmb.h"
-#include "dxglobals.h"
+#include "installation.h"
 #include "javaextensionsmb.h"
 #include "problem.h"
-
-namespace {
-
-std::string InHome(const char* relative) { return std::string(GetVEXAHOME()) + '/' + relative; }
-
-}  // namespace
 
 std::string JavaProgram() {
   std::string path = InHome("JRE/bin/java");

@@ -5,7 +5,7 @@
 #include <filesystem>
 
 #include "PlugInDynamicLoadedLibrary.h"
-#include "dxglobals.h"
+#include "installation.h"
 #include "problem.h"
 #include "vexadx_plugin.h"
 #include "vexadxconfigreader.h"
@@ -16,8 +16,6 @@ namespace fs = std::filesystem;
 namespace plugincheck {
 
 namespace {
-
-std::string InHome(const char* relative) { return std::string(GetVEXAHOME()) + '/' + relative; }
 
 Problem NoLibraryName(const XConfigOptions& options) {
   const std::string& name = options.XName();

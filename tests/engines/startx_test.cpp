@@ -9,10 +9,8 @@
 #include <climits>
 #include <fstream>
 #include <future>
-#include <iostream>
 #include <iterator>
 #include <list>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,6 +19,7 @@
 #include "clexdsmb.h"
 #include "framing.h"
 #include "outofprocess.h"
+#include "seededrandom.h"
 
 namespace fs = std::filesystem;
 
@@ -156,20 +155,15 @@ TEST_F(StartX, DiesAlsoWhenItsFilesAreGoneAndAChildHasThePipes) {
 
 // At random moments of runs, more often in blocks that take a while to be moved.
 TEST_F(StartX, CanBeKilledAtAnyMoment) {
-  const int given = GTEST_FLAG_GET(random_seed);
-  const unsigned seed = given != 0 ? static_cast<unsigned>(given) : std::random_device{}() % 99'999 + 1;
-  const std::string seedText = "--gtest_random_seed=" + std::to_string(seed);
-  std::cout << seedText << std::endl;  // at once, as a step that hangs has no message
-  std::mt19937 random(seed);
-  const auto upTo = [&random](int most) { return std::uniform_int_distribution(0, most)(random); };
+  SeededRandom random;
   OutpX& x = Add("CTEST");
   constexpr int kRounds = 50;  // each start takes half a second
   for (int round = 0; round < kRounds; ++round) {
-    SCOPED_TRACE(seedText + ", round " + std::to_string(round));
+    SCOPED_TRACE(random.Seed() + ", round " + std::to_string(round));
     ASSERT_EQ(0, x.Start());
     ASSERT_EQ(0, x.Run("0")) << "whatever became of the process before";
     auto killing =
-        std::async(std::launch::async, [process = x.Process(), delay = std::chrono::microseconds(upTo(20'000))] {
+        std::async(std::launch::async, [process = x.Process(), delay = std::chrono::microseconds(random.UpTo(20'000))] {
           std::this_thread::sleep_for(delay);
           const Clock::time_point now = Clock::now();
           ::kill(process, SIGKILL);
@@ -177,7 +171,7 @@ TEST_F(StartX, CanBeKilledAtAnyMoment) {
         });
     int code = 0;
     while (code == 0) {
-      code = x.Run("0" + std::string(static_cast<std::size_t>(upTo(round % 2 == 0 ? 200'000 : 10)), ' '));
+      code = x.Run("0" + std::string(static_cast<std::size_t>(random.UpTo(round % 2 == 0 ? 200'000 : 10)), ' '));
     }
     EXPECT_LT(Clock::now() - killing.get(), 1s);
     EXPECT_TRUE(code == 99103 || code == 99104) << code;

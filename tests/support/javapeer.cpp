@@ -8,8 +8,6 @@
 //   wait     for ever
 // It then ends with status 0; by itself it never lives longer than a minute.
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -19,20 +17,12 @@
 #include <sstream>
 #include <string>
 
+#include "loopback.h"
+
 namespace {
 
 constexpr int kPortArgument = 4;
 constexpr unsigned kLongestLifeSeconds = 60;
-
-int connectedTo(int port) {
-  const int connection = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<in_port_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (::connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) std::exit(3);
-  return connection;
-}
 
 void reset(int connection) {
   const linger atOnce{1, 0};
@@ -64,7 +54,7 @@ int main(int argc, char** argv) {
   std::istringstream words(script);
   for (std::string word; words >> word;) {
     char byte;
-    if (word == "connect") connection = connectedTo(std::atoi(argv[kPortArgument]));
+    if (word == "connect" && (connection = ConnectedTo(std::atoi(argv[kPortArgument]))) == -1) return 3;
     if (word == "reset") reset(connection);
     if (word == "receive" && ::recv(connection, &byte, 1, 0) != 1) return 4;
     if (word == "leave") leaveChildWith(connection);

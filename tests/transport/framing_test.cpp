@@ -1,9 +1,7 @@
 #include "framing.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -18,6 +16,7 @@
 #include "clexdsmb.h"
 #include "javaextensionsmb.h"
 #include "javapluginsocket.h"
+#include "loopback.h"
 #include "temphome.h"
 #include "vexadx_bytes.h"
 #include "vexapipe.h"
@@ -81,12 +80,7 @@ class SocketChannel : public Channel {
 
   int Receive(CleXDSmb& block, const Script& script) override {
     auto peer = std::async(std::launch::async, [&] {
-      const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-      sockaddr_in address{};
-      address.sin_family = AF_INET;
-      address.sin_port = htons(static_cast<in_port_t>(m_socket.GetSocketPort()));
-      address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-      EXPECT_EQ(0, ::connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address));
+      const int descriptor = ConnectedTo(m_socket.GetSocketPort());
       script(descriptor);
       ::close(descriptor);
     });
@@ -228,12 +222,7 @@ TEST(Framing, SendsTheJavaExtensionsDataAsTheyAre) {
   EXPECT_EQ(0, socket.GetSocketPort());
   ASSERT_EQ(0, socket.CreateSocket());
   auto peer = std::async(std::launch::async, [port = socket.GetSocketPort()] {
-    const int descriptor = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<in_port_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(0, ::connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address));
+    const int descriptor = ConnectedTo(port);
     std::string got;
     char byte = 0;
     while (::read(descriptor, &byte, 1) == 1) got += byte;

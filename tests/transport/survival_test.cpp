@@ -1,9 +1,6 @@
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,9 +13,7 @@
 #include <ctime>
 #include <functional>
 #include <future>
-#include <iostream>
 #include <list>
-#include <random>
 #include <string>
 #include <thread>
 #include <utility>
@@ -30,8 +25,10 @@
 #include "dxtracer.h"
 #include "framing.h"
 #include "javapluginsocket.h"
+#include "loopback.h"
 #include "monitor.h"
 #include "processstate.h"
+#include "seededrandom.h"
 #include "temphome.h"
 #include "vexadx_bytes.h"
 #include "vexapipe.h"
@@ -96,17 +93,6 @@ void transfer(Call call, int descriptor, char* bytes, std::size_t length, std::s
   }
 }
 
-int connectedTo(JavaPlugInSocket& socket) {
-  const int descriptor = ::socket(AF_INET, SOCK_STREAM, 0);
-  ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<in_port_t>(socket.GetSocketPort()));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  EXPECT_EQ(0, ::connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address));
-  return descriptor;
-}
-
 // The ways to a peer. Serve is the peer's part and ends after so many bytes, in the middle of whatever it does then.
 class PipesToScript {
  public:
@@ -147,7 +133,7 @@ class Socket {
   Socket() { EXPECT_EQ(0, m_socket.CreateSocket()); }
 
   void Serve(std::size_t life) {
-    const int descriptor = connectedTo(m_socket);
+    const int descriptor = ConnectedTo(m_socket.GetSocketPort());
     echo(descriptor, descriptor, life);
   }
   void AwaitPeer() { EXPECT_EQ(0, m_socket.AcceptSocket()); }
@@ -183,19 +169,13 @@ TYPED_TEST_SUITE(PeerDeathTest, Connections);
 }  // namespace
 
 TYPED_TEST(PeerDeathTest, IsACodeAtAnyMoment) {
-  const int given = GTEST_FLAG_GET(random_seed);
-  const unsigned seed = given != 0 ? static_cast<unsigned>(given) : std::random_device{}() % 99'999 + 1;
-  const std::string seedText = "--gtest_random_seed=" + std::to_string(seed);
-  std::cout << seedText << std::endl;  // at once, as an exchange that hangs has no message
-  std::mt19937 random(seed);
-  const auto upTo = [&random](int most) {
-    return static_cast<std::size_t>(std::uniform_int_distribution(0, most)(random));
-  };
+  SeededRandom random;
+  const auto upTo = [&random](int most) { return static_cast<std::size_t>(random.UpTo(most)); };
   ::signal(SIGPIPE, SIG_DFL);
   const std::vector<bool> signals = SignalState();
   int descriptors = 0;
   for (int round = 0; round < 100; ++round) {
-    SCOPED_TRACE(seedText + ", round " + std::to_string(round));
+    SCOPED_TRACE(random.Seed() + ", round " + std::to_string(round));
     const std::size_t furtherLife = round % 10 == 0 ? 0 : upTo(800'000);  // 0: it ends between two exchanges
     Peer peer([&] { this->m_connection.Serve(2 * wireformat::kEmptyMessageLen + furtherLife); });
     this->m_connection.AwaitPeer();
@@ -291,7 +271,7 @@ TEST(Receiving, KeepsNothingOfWhatCameThroughTheSocket) {
   JavaPlugInSocket socket;
   ASSERT_EQ(0, socket.CreateSocket());
   const auto receive = [&socket](const std::string& bytes) {
-    auto writing = std::async(std::launch::async, [&] { writeAndClose(connectedTo(socket), bytes); });
+    auto writing = std::async(std::launch::async, [&] { writeAndClose(ConnectedTo(socket.GetSocketPort()), bytes); });
     EXPECT_EQ(0, socket.AcceptSocket());
     CleXDSmb block;
     const int code = ReceiveData(&socket, block);
@@ -335,7 +315,7 @@ TEST(Descriptors, AreInheritedByNoProgram) {
 
   JavaPlugInSocket socket;
   ASSERT_EQ(0, socket.CreateSocket());
-  const int connected = connectedTo(socket);
+  const int connected = ConnectedTo(socket.GetSocketPort());
   ASSERT_EQ(0, socket.AcceptSocket());
 
   EXPECT_EQ(before, inherited());
