@@ -165,7 +165,7 @@ bool PeerWatch::IsGone() {
 
 // A child that was stopped is also told of, and not reaped.
 bool PeerWatch::reapNow() {
-  if (m_gone) return true;
+  if (isGone()) return true;
   int status = 0;
   const pid_t reaped = ::waitpid(m_process, &status, WNOHANG | WUNTRACED);
   if (reaped == m_process && !WIFSTOPPED(status)) {
