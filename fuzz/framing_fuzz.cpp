@@ -1,5 +1,5 @@
-// Any stream of bytes in any pieces, as a pipe or socket brings it: what comes of it does not depend on the pieces, and
-// nothing is taken but one whole message.
+// Any stream of bytes in any pieces, as a pipe or socket brings it: what comes of a message does not depend on the
+// pieces, nothing is taken but one whole message, and bytes that come together with its end make it malformed.
 
 #include <algorithm>
 #include <cstddef>
@@ -9,6 +9,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <string_view>
 
 #include "clexdsmb.h"
 #include "messageparser.h"
@@ -24,7 +25,7 @@ void require(bool holds) {
 
 class Pieces final : public MessageSource {
  public:
-  Pieces(std::span<const char> stream, std::size_t seed) : m_stream(stream), m_seed(seed) {}
+  Pieces(const std::string& stream, std::size_t seed) : m_stream(stream), m_seed(seed) {}
 
   // In memory of its own, whose end the address sanitizer knows.
   std::span<const char> Next() override {
@@ -32,14 +33,14 @@ class Pieces final : public MessageSource {
     const std::size_t length = std::min(1 + (m_seed * 7 + m_stream.size()) % 19, m_stream.size());
     m_piece = std::make_unique<char[]>(length);
     std::memcpy(m_piece.get(), m_stream.data(), length);
-    m_stream = m_stream.subspan(length);
+    m_stream.remove_prefix(length);
     return {m_piece.get(), length};
   }
 
-  bool AtEnd() const { return m_stream.empty(); }
+  std::size_t Left() const { return m_stream.size(); }
 
  private:
-  std::span<const char> m_stream;
+  std::string_view m_stream;
   std::size_t m_seed;
   std::unique_ptr<char[]> m_piece;
 };
@@ -90,16 +91,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   CleXDSmb emptyBlock;
   Pieces pieces(stream, seed);
   const int code = MessageParser::Parse(seed % 2 == 0 ? block : emptyBlock, pieces, kMalformed);
+  const auto taken = length - static_cast<int>(pieces.Left());
+  const std::string message = stream.substr(0, stream.size() - pieces.Left());
   if (code != 0) {
     require(messageOf(block) == before && emptyBlock.GetStringData().Size() == 0);
     // The stream's end is waited for unless there is nothing to wait for.
     require((code == kEnded) == (length < static_cast<int>(wireformat::kIntLen) ||
                                  (announced >= static_cast<int>(wireformat::kEmptyMessageLen) && announced > length)));
-    require(announced != length || length < static_cast<int>(wireformat::kIntLen) || parsed(stream).empty());
+    require(announced != taken || length < static_cast<int>(wireformat::kIntLen) || parsed(message).empty());
     return 0;
   }
-  require(announced == length && pieces.AtEnd());
-  if (seed % 2 != 0) require(contentOf(emptyBlock) == parsed(stream));
+  require(announced == taken);
+  if (seed % 2 != 0) require(contentOf(emptyBlock) == parsed(message));
   const std::unique_ptr<char[]> binary(block.GetBinaryData());
   return 0;
 }
