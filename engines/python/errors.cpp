@@ -1,18 +1,11 @@
 #include "errors.h"
 
-#include <atomic>
+#include "host.h"
 
 namespace vexapython {
-namespace {
-
-std::atomic<ErrorFunction> gFunction{nullptr};
-
-}  // namespace
-
-void SetErrorFunction(ErrorFunction function) { gFunction = function; }
 
 PyObject* ErrorsAreNoted(PyObject* /*module*/, PyObject* /*none*/) {
-  return PyBool_FromLong(gFunction.load() != nullptr);
+  return PyBool_FromLong(plugin::HostErrors() != nullptr);
 }
 
 PyObject* NoteError(PyObject* /*module*/, PyObject* arguments) {
@@ -21,7 +14,7 @@ PyObject* NoteError(PyObject* /*module*/, PyObject* arguments) {
   const char* traceback = nullptr;
   int line = 0;
   if (!PyArg_ParseTuple(arguments, "yyyi", &type, &message, &traceback, &line)) return nullptr;
-  if (const ErrorFunction function = gFunction) function(type, message, traceback, line);
+  if (const plugin::ErrorFunction function = plugin::HostErrors()) function(type, message, traceback, line);
   Py_RETURN_NONE;
 }
 

@@ -12,6 +12,7 @@
 #include "errors.h"
 #include "interrupts.h"
 #include "output.h"
+#include "streams.h"
 
 namespace vexapython {
 namespace {
@@ -96,15 +97,16 @@ PyStatus initialize(const std::string& home) {
 // Starts CPython and lets its lock go.
 bool startPython(const std::string& home) {
   if (!home.empty() && !isHome(home)) {
-    PostErrorLine("Python cannot be started: " + home + " (" + kHomeVariable + ") does not hold the library of " +
-                  kVersionName);
+    plugin::PostErrorLine("Python cannot be started: " + home + " (" + kHomeVariable +
+                          ") does not hold the library of " + kVersionName);
     return false;
   }
   // Before the start, which copies the environment to os.environ.
   ::unsetenv(kHomeVariable);
   const PyStatus status = initialize(home);
   if (PyStatus_Exception(status)) {
-    PostErrorLine(std::string("Python cannot be started: ") + (status.err_msg ? status.err_msg : "unknown cause"));
+    plugin::PostErrorLine(std::string("Python cannot be started: ") +
+                          (status.err_msg ? status.err_msg : "unknown cause"));
     return false;
   }
   (void)PyEval_SaveThread();
@@ -125,7 +127,7 @@ PyObject* makeConsoleModule() {
   Reference module(PyModule_Create(&definition));
   if (!module) return nullptr;
   PyObject* names = PyModule_GetDict(module.get());
-  const Reference code(Py_CompileString(kConsoleSource, "<vexapython>", Py_file_input));
+  const Reference code(Py_CompileString(plugin::kConsoleSource, "<vexapython>", Py_file_input));
   if (!code || PyDict_SetItemString(names, "__builtins__", PyEval_GetBuiltins()) != 0) return nullptr;
   const Reference ran(PyEval_EvalCode(code.get(), names, names));
   return ran ? module.release() : nullptr;

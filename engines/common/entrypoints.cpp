@@ -5,11 +5,9 @@
 #include <mutex>
 #include <span>
 
-#include "block.h"
 #include "boundary.h"
-#include "errors.h"
-#include "interpreter.h"
-#include "interrupts.h"
+#include "host.h"
+#include "language.h"
 #include "output.h"
 #include "vexadx_export.h"
 #include "vexadx_plugin.h"
@@ -19,17 +17,18 @@ namespace {
 constexpr int kFailed = 1;
 
 std::atomic<bool> gStarted{false};
-std::mutex gStarting;  // held while the interpreter is started or stopped. Outer to the interpreter lock
+std::mutex gStarting;  // held while the language is started or brought to rest. Outer to the language's own locks
+std::atomic<plugin::ErrorFunction> gErrors{nullptr};
 
 int start(std::span<char* const> arguments) {
   const std::lock_guard guard(gStarting);
-  gStarted = vexapython::StartInterpreter(arguments);
+  gStarted = plugin::Start(arguments);
   return gStarted ? 0 : kFailed;
 }
 
 int stop() {
   const std::lock_guard guard(gStarting);
-  if (gStarted.exchange(false)) vexapython::RestInterpreter();
+  if (gStarted.exchange(false)) plugin::Rest();
   return 0;
 }
 
@@ -42,18 +41,20 @@ bool has(const vexadx::HostCallback& host, const Member& member) {
 
 void meetHost(const vexadx::HostCallback* host) {
   if (!host || std::memcmp(host->tag, vexadx::kHostCallbackTag, sizeof host->tag) != 0) return;
-  if (has(*host, host->noteError)) vexapython::SetErrorFunction(host->noteError);
+  if (has(*host, host->noteError)) gErrors = host->noteError;
   if (!has(*host, host->setInterrupt) || !host->setInterrupt) return;
-  vexapython::ExpectInterrupts();
-  host->setInterrupt(vexapython::InterruptBlocks);
+  plugin::ExpectInterrupts();
+  host->setInterrupt(&plugin::InterruptBlocks);
 }
 
 }  // namespace
 
+plugin::ErrorFunction plugin::HostErrors() { return gErrors; }
+
 extern "C" {
 
 VEXADX_API void setup_dxcallback(void* callback) {
-  (void)vexapython::Contained(kFailed, [&] {
+  (void)plugin::Contained(kFailed, [&] {
     meetHost(static_cast<const vexadx::HostCallback*>(callback));
     return 0;
   });
@@ -61,19 +62,17 @@ VEXADX_API void setup_dxcallback(void* callback) {
 
 VEXADX_API int init_embedded_x(int argc, char** argv) {
   const std::span<char* const> arguments(argv, argv ? static_cast<std::size_t>(std::max(argc, 0)) : 0);
-  return vexapython::Contained(kFailed, [&] { return start(arguments); });
+  return plugin::Contained(kFailed, [&] { return start(arguments); });
 }
 
 VEXADX_API int execute_x(char* syntax) {
   if (!gStarted || !syntax) return kFailed;
-  return vexapython::Contained(kFailed, [&] { return vexapython::RunBlock(syntax); });
+  return plugin::Contained(kFailed, [&] { return plugin::RunBlock(syntax); });
 }
 
-VEXADX_API int stop_embedded_x() { return vexapython::Contained(kFailed, stop); }
+VEXADX_API int stop_embedded_x() { return plugin::Contained(kFailed, stop); }
 
-VEXADX_API void set_post_vexa_output(int (*output)(const char* text, int length)) {
-  vexapython::SetOutputFunction(output);
-}
+VEXADX_API void set_post_vexa_output(int (*output)(const char* text, int length)) { plugin::SetOutputFunction(output); }
 
 VEXADX_API int pre_action() { return 0; }
 

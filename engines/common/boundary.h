@@ -2,7 +2,7 @@
 
 #include <cxxabi.h>
 
-namespace vexapython {
+namespace plugin {
 
 // What the function answers, or `failure` when it throws: no exception crosses into C frames. The cancellation of the
 // thread is none and goes on.
@@ -19,4 +19,4 @@ Result Contained(Result failure, Function&& function) {
   }
 }
 
-}  // namespace vexapython
+}  // namespace plugin

@@ -1,0 +1,70 @@
+# What the console would do around the blocks. These functions live in an environment of the plug-in's own; they are
+# called with the text of a whole block.
+
+# Where a parser's message begins with the place. A place in column 0 is the end of the text.
+place <- "^<text>:([0-9]+):([0-9]+): "
+
+attempt <- function(text, n) tryCatch(parse(text = text, n = n, keep.source = FALSE), error = identity)
+
+# How many expressions come before the syntax error.
+count_whole <- function(text) {
+  whole <- 0L
+  broken <- 1L
+  while (is.expression(attempt(text, broken))) {
+    whole <- broken
+    broken <- 2L * broken
+  }
+  while (broken - whole > 1L) {
+    middle <- (whole + broken) %/% 2L
+    if (is.expression(attempt(text, middle))) whole <- middle else broken <- middle
+  }
+  whole
+}
+
+sources_of <- function(text, n) attr(parse(text = text, n = n, keep.source = TRUE), "srcref")
+
+# The lines behind an expression, as the console would have read them for the next one.
+lines_behind <- function(text, n) {
+  lines <- strsplit(text, "\n", fixed = TRUE)[[1L]]
+  first <- 1L
+  if (n > 0L) {
+    end <- sources_of(text, n)[[n]]
+    first <- end[3L]
+    lines[first] <- sub("^[ \t]*;?", "", substring(lines[first], end[6L] + 1L))
+  }
+  while (first < length(lines) && grepl("^[ \t\r\f]*(#.*)?$", lines[first])) first <- first + 1L
+  list(first = first, lines = lines[seq(first, length.out = max(0L, length(lines) - first + 1L))])
+}
+
+# In the console's words, which name no place.
+rephrased <- function(message) {
+  lines <- strsplit(message, "\n", fixed = TRUE)[[1L]]
+  if (!grepl(place, lines[1L])) return(message)
+  what <- sub(place, "", lines[1L])
+  column <- sub(paste0(place, ".*"), "\\2", lines[1L])
+  context <- sub("^[0-9]+: ", "", lines[-c(1L, length(lines))])
+  if (grepl("INCOMPLETE_STRING", what, fixed = TRUE)) return("unexpected end of input")
+  if (column == "0" || length(context) == 0L) return(what)
+  if (length(context) == 1L) return(sprintf("%s in \"%s\"", what, context))
+  sprintf("%s in:\n\"%s\"", what, paste(context, collapse = "\n"))
+}
+
+# Of a block with a syntax error: the expressions before it, which the console has run when it meets it, and the error
+# with its line.
+up_to_error <- function(text) {
+  n <- count_whole(text)
+  before <- if (n > 0L) parse(text = text, n = n, keep.source = isTRUE(getOption("keep.source"))) else expression()
+  rest <- lines_behind(text, n)
+  message <- conditionMessage(attempt(paste(rest$lines, collapse = "\n"), 1L))
+  line <- if (grepl(place, message)) as.integer(sub(paste0(place, "(.|\n)*"), "\\1", message)) else 1L
+  list(before, rephrased(message), min(rest$first + line - 1L, rest$first + length(rest$lines) - 1L))
+}
+
+# What the console has said about the error that ended the block, the calls that led to it, and the line of the
+# expression that was the block's n-th.
+described <- function(text, n) {
+  calls <- vapply(.traceback(), paste, "", collapse = "\n")
+  traceback <- paste0(rev(seq_along(calls)), ": ", rev(calls), recycle0 = TRUE, collapse = "\n")
+  line <- tryCatch(sources_of(text, n)[[n]][1L], error = function(failure) 0L)
+  list(enc2utf8(sub("\n$", "", geterrmessage())), enc2utf8(traceback), line)
+}

@@ -1,0 +1,22 @@
+#pragma once
+
+// R's embedding interface. Its functions may leave by a jump: none is called where that would pass a destructor.
+
+#define R_NO_REMAP
+#define R_INTERFACE_PTRS 1
+#define CSTACK_DEFNS
+#define HAVE_UINTPTR_T
+#include <Rinternals.h>
+
+#include <R_ext/Parse.h>
+#include <R_ext/eventloop.h>
+#include <Rembedded.h>
+#include <Rinterface.h>
+
+extern "C" {
+
+// In R's library, but in no header that can be included here.
+extern Rboolean R_Visible;  // whether the console would print the value of what was evaluated last
+extern int R_interrupts_pending;
+void Rf_callToplevelHandlers(SEXP expression, SEXP value, Rboolean succeeded, Rboolean visible);
+}

@@ -1,0 +1,172 @@
+#include "runtime.h"
+
+#include <csetjmp>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "console.h"
+#include "embeddedr.h"
+#include "output.h"
+#include "turn.h"
+
+namespace vexar {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kHomeVariable[] = "R_HOME";
+constexpr int kLookForInterrupts = 100000;  // µs; while R waits for time to pass or for descriptors
+
+// Guarded by the turn.
+enum class State { kNotStarted, kStarting, kRunning, kBroken };
+State gState = State::kNotStarted;
+std::optional<int> gQuitStatus;
+std::jmp_buf gGiveUpStart;
+
+// R would end the process; what has been started of it is never called again.
+[[noreturn]] void leave() {
+  if (gState == State::kStarting) std::longjmp(gGiveUpStart, 1);
+  Rf_jump_to_toplevel();
+}
+
+void quit(SA_TYPE /*save*/, int status, int /*runLast*/) {
+  gQuitStatus = status;
+  leave();
+}
+
+void giveUp(const char* message) {
+  for (const char* part : {"Fatal error: ", message, "\n"}) {
+    WriteConsole(part, static_cast<int>(std::string_view(part).size()), 1);
+  }
+  if (gState == State::kRunning) gState = State::kBroken;
+  leave();
+}
+
+// A block is no conversation.
+int readNothing(const char* /*prompt*/, unsigned char* /*buffer*/, int /*size*/, int /*addToHistory*/) { return 0; }
+
+void takeHooks() {
+  R_SignalHandlers = 0;  // they are the host's
+  ptr_R_CleanUp = &quit;
+  ptr_R_Suicide = &giveUp;
+  ptr_R_ReadConsole = &readNothing;
+  ptr_R_WriteConsole = nullptr;
+  ptr_R_WriteConsoleEx = &WriteConsole;
+  R_Outputfile = nullptr;
+  R_Consolefile = nullptr;
+}
+
+// False when R has given up, with no way back. Nothing here has a destructor that a jump could pass.
+bool initialize(int argc, char** argv) {
+  if (setjmp(gGiveUpStart) != 0) return false;
+  takeHooks();
+  (void)Rf_initialize_R(argc, argv);
+  takeHooks();
+  R_Interactive = FALSE;
+  R_wait_usec = kLookForInterrupts;
+  Turn::CheckThisStack();
+  setup_Rmainloop();
+  return R_ToplevelExec(&OpenConsole, nullptr) == TRUE;
+}
+
+// R finds out too late that it has been given the home of another version.
+bool isHome(const std::string& home) {
+  std::ifstream description(fs::path(home) / "library" / "base" / "DESCRIPTION");
+  for (std::string line; std::getline(description, line);) {
+    if (line == "Version: " VEXAR_VERSION) return true;
+  }
+  return false;
+}
+
+std::string homeOf() {
+  const char* const variable = std::getenv(kHomeVariable);
+  return variable && *variable ? variable : VEXAR_HOME;
+}
+
+// Distributions keep some directories outside of the home, which only the script knows that usually starts R.
+void setDirectories(const std::string& home) {
+  std::ifstream script(fs::path(home) / "bin" / "R");
+  for (std::string line; std::getline(script, line);) {
+    const std::size_t equals = line.find('=');
+    const std::string name = line.substr(0, equals);
+    if (name != "R_SHARE_DIR" && name != "R_INCLUDE_DIR" && name != "R_DOC_DIR") continue;
+    (void)::setenv(name.c_str(), line.c_str() + equals + 1, 0);
+  }
+}
+
+bool refuse(const std::string& why) {
+  plugin::PostErrorLine("R cannot be started: " + why);
+  return false;
+}
+
+bool startRuntime(std::span<char* const> arguments) {
+  const std::string home = homeOf();
+  if (!isHome(home)) return refuse(home + " (R_HOME) does not hold the library of R " VEXAR_VERSION);
+  (void)::setenv(kHomeVariable, home.c_str(), 1);
+  setDirectories(home);
+
+  // R looks at its arguments as long as it lives.
+  static std::vector<std::string>& words = *new std::vector<std::string>{"R", "--no-echo"};
+  static std::vector<char*>& argv = *new std::vector<char*>;
+  for (const char* argument : arguments) {
+    if (!argument) continue;
+    if (std::string_view(argument) == "--version") return refuse("--version is no argument for an engine");
+    words.emplace_back(argument);
+  }
+  for (std::string& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+
+  gState = State::kStarting;
+  gState = initialize(static_cast<int>(words.size()), argv.data()) ? State::kRunning : State::kBroken;
+  gQuitStatus.reset();
+  return CanRun() || refuse("it has given up");
+}
+
+void renewTemporaryDirectory() {
+  SEXP call = PROTECT(Rf_lang2(Rf_install("tempdir"), Rf_ScalarLogical(TRUE)));
+  int failed = 0;
+  (void)R_tryEval(call, R_BaseEnv, &failed);
+  UNPROTECT(1);
+}
+
+void endSession(void* /*unused*/) {
+  R_RunExitFinalizers();
+  Rf_KillAllDevices();
+}
+
+}  // namespace
+
+bool StartR(std::span<char* const> arguments) {
+  if (Turn::IsHere()) return false;
+  const Turn turn;
+  switch (gState) {
+    case State::kNotStarted:
+      return startRuntime(arguments);
+    case State::kRunning:
+      renewTemporaryDirectory();
+      return true;
+    default:
+      return refuse("it has given up in this process before");
+  }
+}
+
+void RestR() {
+  if (Turn::IsHere()) return;
+  const Turn turn;
+  if (!CanRun()) return;
+  (void)R_ToplevelExec(&endSession, nullptr);
+  R_CleanTempDir();
+}
+
+bool CanRun() { return gState == State::kRunning; }
+
+bool HasQuit() { return gQuitStatus.has_value(); }
+
+std::optional<int> TakeQuitStatus() { return std::exchange(gQuitStatus, std::nullopt); }
+
+}  // namespace vexar
