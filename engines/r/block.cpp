@@ -10,12 +10,13 @@
 namespace vexar {
 namespace {
 
-// A block while it runs. What R's jumps may leave behind has no destructor.
+// A block while it runs. What R's jumps may leave behind has no destructor. The objects are protected by who runs it.
 struct Block {
   const char* text;
-  int expression = 0;     // the one that runs, counted from 1
-  bool isBroken = false;  // the syntax error is what comes next
-  int errorLine = 0;      // of it
+  SEXP expressions = R_NilValue;  // null when it has a syntax error
+  int expression = 0;             // the one that runs, counted from 1
+  bool isBroken = false;          // the syntax error has been reached
+  int errorLine = 0;              // of it
 };
 
 SEXP sourceFile(SEXP text) {
@@ -27,16 +28,16 @@ SEXP sourceFile(SEXP text) {
   return file;
 }
 
-SEXP parse(void* text) {
-  auto* const source = static_cast<SEXP>(text);
-  SEXP file = PROTECT(sourceFile(source));
+// The parser complains in two ways, by a status and by an error.
+void parse(void* data) {
+  auto& block = *static_cast<Block*>(data);
+  SEXP text = PROTECT(Rf_mkString(block.text));
+  SEXP file = PROTECT(sourceFile(text));
   ParseStatus status = PARSE_NULL;
-  SEXP expressions = R_ParseVector(source, -1, &status, file);
-  UNPROTECT(1);
-  return status == PARSE_OK ? expressions : R_NilValue;
+  SEXP expressions = R_ParseVector(text, -1, &status, file);
+  if (status == PARSE_OK) block.expressions = expressions;
+  UNPROTECT(2);
 }
-
-SEXP noExpressions(SEXP /*condition*/, void* /*unused*/) { return R_NilValue; }
 
 void evaluate(SEXP expression) {
   SEXP value = PROTECT(Rf_eval(expression, R_GlobalEnv));
@@ -48,59 +49,60 @@ void evaluate(SEXP expression) {
   UNPROTECT(1);
 }
 
-// For R_ToplevelExec, which ends it at an error.
-void run(void* data) {
-  auto& block = *static_cast<Block*>(data);
-  SEXP text = PROTECT(Rf_mkString(block.text));
-  SEXP expressions = PROTECT(R_tryCatchError(&parse, text, &noExpressions, nullptr));
-  SEXP error = R_NilValue;
-  if (expressions == R_NilValue) {
-    SEXP call = PROTECT(Rf_lang2(TheConsole().upToError, text));
-    SEXP found = Rf_eval(call, R_BaseEnv);
-    UNPROTECT(2);
-    PROTECT(found);
-    expressions = VECTOR_ELT(found, 0);
-    error = VECTOR_ELT(found, 1);
-    block.errorLine = Rf_asInteger(VECTOR_ELT(found, 2));
-  }
-  for (R_xlen_t i = 0; i < Rf_xlength(expressions); ++i) {
+void evaluateAll(Block& block, SEXP expressions) {
+  for (R_xlen_t i = 0; i < Rf_xlength(expressions) && !HasQuit(); ++i) {
     ++block.expression;
     evaluate(VECTOR_ELT(expressions, i));
-    if (HasQuit()) break;
   }
-  if (error != R_NilValue && !HasQuit()) {
+}
+
+// The console has run what comes before a syntax error when it meets it.
+void runUpToError(Block& block) {
+  SEXP text = PROTECT(Rf_mkString(block.text));
+  SEXP call = PROTECT(Rf_lang2(TheConsole().upToError, text));
+  SEXP found = PROTECT(Rf_eval(call, R_BaseEnv));
+  block.errorLine = Rf_asInteger(VECTOR_ELT(found, 2));
+  evaluateAll(block, VECTOR_ELT(found, 0));
+  if (!HasQuit()) {
     block.isBroken = true;
-    Rf_errorcall(R_NilValue, "%s", Rf_translateChar(STRING_ELT(error, 0)));
+    Rf_errorcall(R_NilValue, "%s", Rf_translateChar(STRING_ELT(VECTOR_ELT(found, 1), 0)));
   }
-  UNPROTECT(2);
+  UNPROTECT(3);
+}
+
+void run(void* data) {
+  auto& block = *static_cast<Block*>(data);
+  if (block.expressions == R_NilValue) {
+    runUpToError(block);
+  } else {
+    evaluateAll(block, block.expressions);
+  }
 }
 
 struct Description {
-  const char* text;
-  int expression;
-  SEXP parts;
+  const Block& block;
+  SEXP parts = R_NilValue;
 };
 
 void describe(void* data) {
   auto& description = *static_cast<Description*>(data);
-  SEXP text = PROTECT(Rf_mkString(description.text));
-  SEXP number = PROTECT(Rf_ScalarInteger(description.expression));
+  SEXP text = PROTECT(Rf_mkString(description.block.text));
+  SEXP number = PROTECT(Rf_ScalarInteger(description.block.expression));
   SEXP call = PROTECT(Rf_lang3(TheConsole().described, text, number));
   description.parts = Rf_eval(call, R_BaseEnv);
   UNPROTECT(3);
 }
 
+// The texts belong to R, which does not run meanwhile.
 void tellHost(const Block& block, bool wasInterrupted) {
   const plugin::ErrorFunction function = plugin::HostErrors();
   if (!function) return;
   if (wasInterrupted) return function("interrupt", "", "", 0);
-  Description description{block.text, block.expression, R_NilValue};
+  Description description{block};
   if (R_ToplevelExec(&describe, &description) != TRUE) return;
-  SEXP parts = PROTECT(description.parts);
-  const auto textOf = [parts](int part) { return CHAR(STRING_ELT(VECTOR_ELT(parts, part), 0)); };
-  function(block.isBroken ? "syntax error" : "error", textOf(0), textOf(1),
-           block.isBroken ? block.errorLine : Rf_asInteger(VECTOR_ELT(parts, 2)));
-  UNPROTECT(1);
+  const auto textOf = [&description](int part) { return CHAR(STRING_ELT(VECTOR_ELT(description.parts, part), 0)); };
+  const int line = block.isBroken ? block.errorLine : Rf_asInteger(VECTOR_ELT(description.parts, 2));
+  function(block.isBroken ? "syntax error" : "error", textOf(0), textOf(1), line);
 }
 
 }  // namespace
@@ -111,7 +113,13 @@ int RunBlock(const char* text) {
   if (!CanRun()) return plugin::kBlockFailed;
   const InterruptTarget target;
   Block block{text};
+  {
+    const QuietErrors quiet;  // a syntax error is told in its turn
+    (void)R_ToplevelExec(&parse, &block);
+  }
+  PROTECT(block.expressions);
   const bool hasEnded = R_ToplevelExec(&run, &block) == TRUE;
+  UNPROTECT(1);
   if (const auto status = TakeQuitStatus()) return *status;
   if (hasEnded) return 0;
   tellHost(block, target.IsHit());

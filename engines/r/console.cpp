@@ -13,15 +13,27 @@ namespace vexar {
 namespace {
 
 Console gConsole;
-SEXP gPrintWarnings = nullptr;   // a call
-bool gDropsErrorOutput = false;  // what is written next. Guarded by the turn
+SEXP gPrintWarnings = nullptr;  // a call
+
+// What of the error stream is dropped. Guarded by the turn.
+enum class Dropped { kNothing, kNextText, kAll };
+Dropped gDropped = Dropped::kNothing;
 
 SEXP kept(SEXP object) {
   R_PreserveObject(object);
   return object;
 }
 
+bool isDropped() {
+  if (gDropped == Dropped::kAll) return true;
+  return std::exchange(gDropped, Dropped::kNothing) == Dropped::kNextText;
+}
+
 }  // namespace
+
+QuietErrors::QuietErrors() { gDropped = Dropped::kAll; }
+
+QuietErrors::~QuietErrors() { gDropped = Dropped::kNothing; }
 
 const Console& TheConsole() { return gConsole; }
 
@@ -43,13 +55,13 @@ void OpenConsole(void* /*unused*/) {
 
 // R begins with the words "In addition: ", written by themselves, which the console has only behind an error.
 void PrintWarnings() {
-  gDropsErrorOutput = true;
+  gDropped = Dropped::kNextText;
   (void)Rf_eval(gPrintWarnings, R_BaseEnv);
-  gDropsErrorOutput = false;
+  gDropped = Dropped::kNothing;
 }
 
 void WriteConsole(const char* text, int length, int isError) {
-  if (isError && std::exchange(gDropsErrorOutput, false)) return;
+  if (isError && isDropped()) return;
   std::string_view bytes(text, length > 0 ? static_cast<std::size_t>(length) : 0);
   if (const plugin::OutputFunction function = plugin::HostOutput()) {
     (void)plugin::CallOutput(function, bytes);

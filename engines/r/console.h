@@ -15,6 +15,15 @@ const Console& TheConsole();
 // Reads console.R. REQUIRES: called by R_ToplevelExec, once, as it may jump.
 void OpenConsole(void* unused);
 
+// Drops what goes to the error stream, for a scope. REQUIRES: this thread has the turn.
+class QuietErrors {
+ public:
+  QuietErrors();
+  ~QuietErrors();
+  QuietErrors(const QuietErrors&) = delete;
+  QuietErrors& operator=(const QuietErrors&) = delete;
+};
+
 // Prints the warnings that an expression has left. REQUIRES: called by R_ToplevelExec, as it may jump.
 void PrintWarnings();
 
