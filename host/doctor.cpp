@@ -84,7 +84,7 @@ void ExamineEngine(const std::string& name, Examination& examination) {
   const auto libraryName = [&] { return library = plugincheck::LibraryName(options); };
   const auto libraryFile = [&] { return library = plugincheck::LibraryFile(options, library); };
   const auto entryPoints = [&] {
-    plugincheck::RequireEntryPoints(library);
+    plugincheck::RequireEntryPoints(options, library);
     return EntryPointNames();
   };
   const auto start = [&] {

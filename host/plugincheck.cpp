@@ -30,6 +30,12 @@ Problem NoLibraryName(const XConfigOptions& options) {
               ", in upper case and without blanks around \"=\""};
 }
 
+// What brings the file that the engine's plug-in library is, or what it is linked to.
+std::string InstallRuntime(const XConfigOptions& options) {
+  return options.XName() == "R" ? "install R (on Debian: apt-get install r-base-core)"
+                                : "install what the loader misses";
+}
+
 std::string EngineProgram() { return InHome("bin/startx"); }
 
 Problem NotExecutable(const std::string& advice) {
@@ -69,19 +75,20 @@ std::string LibraryFile(XConfigOptions& options, const std::string& libraryName)
   if (!fs::exists(path, ignored)) {
     const std::string where = UsesPreferences(options) ? options.XName() + ".libName in " + PreferencesPath()
                                                        : "LIB_NAME in the section [" + options.XName() + "]";
+    const std::string install = options.XName() == "R" ? InstallRuntime(options) + " and vexadx again" : "put it there";
     throw Problem(kNotStarted, "the plug-in library " + path + " does not exist",
-                  "put it there, or correct " + where + " (now " + libraryName + ")");
+                  install + ", or correct " + where + " (now " + libraryName + ")");
   }
   return path;
 }
 
-void RequireEntryPoints(const std::string& libraryFile) {
+void RequireEntryPoints(const XConfigOptions& options, const std::string& libraryFile) {
   PlugInDynamicLoadedLibrary library(libraryFile, 0);
   if (library.LoadLibraryNow() != 0) {
     throw Problem(
         kNotStarted,
         "the plug-in library " + libraryFile + " could not be loaded; the loader says:\n" + library.GetErrorString(),
-        "install what the loader misses, or replace the file by a plug-in library built for this machine");
+        InstallRuntime(options) + ", or replace the file by a plug-in library built for this machine");
   }
   std::string missing;
   std::string loaderTexts;
@@ -114,6 +121,7 @@ Problem NotAProgram() {
 }
 
 std::string ProcessLibraryFile(XConfigOptions& options) {
+  if (options.XName() == "R") return LibraryFile(options, LibraryName(options));
   std::string name = options.GetOption(XConfigOptions::KEY_LIB_NAME);
   if (name.empty()) name = LibraryName(options);
   std::string path = vexadx::PluginLibraryFile(options.GetOption(XConfigOptions::KEY_LIB_PATH), name);
@@ -125,6 +133,6 @@ std::string ProcessLibraryFile(XConfigOptions& options) {
   return path;
 }
 
-void RequireUsable(XConfigOptions& options) { RequireEntryPoints(LibraryFile(options, LibraryName(options))); }
+void RequireUsable(XConfigOptions& options) { RequireEntryPoints(options, LibraryFile(options, LibraryName(options))); }
 
 }  // namespace plugincheck

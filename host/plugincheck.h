@@ -20,10 +20,10 @@ void RequireJava(XConfigOptions& options);
 
 std::string LibraryName(XConfigOptions& options);
 std::string LibraryFile(XConfigOptions& options, const std::string& libraryName);
-void RequireEntryPoints(const std::string& libraryFile);
+void RequireEntryPoints(const XConfigOptions& options, const std::string& libraryFile);
 
-// The program that a plug-in library has in a process of its own, and the library's file there: startx takes its name
-// from the section of the configuration first.
+// The program that a plug-in library has in a process of its own, and the library's file there: for R it is the same,
+// for others startx takes its name from the section of the configuration first.
 void RequireProgram();
 std::string ProcessLibraryFile(XConfigOptions& options);
 

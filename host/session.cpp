@@ -17,6 +17,7 @@
 #include "interrupt.h"
 #include "javaextension.h"
 #include "plugincheck.h"
+#include "runtimepaths.h"
 #include "vexadx_codes.h"
 #include "vexadx_plugin.h"
 #include "vexadx_process.h"
@@ -146,6 +147,7 @@ Session::Session(XConfigOptions& options, Place place, Thread thread)
       m_pipes(m_directory ? m_directory->Path() : "", std::to_string(::getpid())) {
   SetXPipeManager(&m_pipes);
   SetXManager(&m_registry);
+  TakeRuntimePaths(options, place == Place::kThisProcess);
   if (options.XName() == kJavaExtension) SetavaExtSocket(&m_socket.emplace());
   if (place == Place::kOwnProcess) {
     m_engine = m_outside = new OutpStatisticsX(&options, kLocal, true);

@@ -25,7 +25,8 @@ const std::string kVersionName = "python" + std::to_string(PY_MAJOR_VERSION) + "
 Console gConsole;
 PyObject* gConsoleModule = nullptr;  // null until the first start has succeeded
 
-// Puts the host's disposition of SIGINT back: Python can only be told of the signal by installing a handler.
+// Puts the host's disposition of SIGINT back: Python can only be told of the signal by installing a handler, and its
+// signal module installs one when it finds none.
 class SigintGuard {
  public:
   SigintGuard() { ::sigaction(SIGINT, nullptr, &m_action); }
@@ -134,7 +135,6 @@ PyObject* makeConsoleModule() {
 }
 
 bool takeInterrupts() {
-  const SigintGuard guard;
   const Reference taken(PyObject_CallMethod(gConsoleModule, "take_interrupts", nullptr));
   if (!taken) return false;
   if (taken.get() == Py_True) InterruptBySignalHere();
@@ -176,11 +176,11 @@ bool beginConsole(std::span<char* const> arguments) {
 bool StartInterpreter(std::span<char* const> arguments) {
   const char* variable = std::getenv(kHomeVariable);
   const std::string home = variable ? variable : "";
+  const SigintGuard guard;
   if (Py_IsInitialized()) {
     ::unsetenv(kHomeVariable);
-  } else {
-    const SigintGuard guard;
-    if (!startPython(home)) return false;
+  } else if (!startPython(home)) {
+    return false;
   }
   const InterpreterLock lock;
   if (openConsole() && beginConsole(arguments)) return true;

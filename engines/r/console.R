@@ -1,6 +1,9 @@
 # What the console would do around the blocks. These functions live in an environment of the plug-in's own; they are
 # called with the text of a whole block.
 
+# R keeps the calls that led to an error for one who looks at them, a person at the console or a handler.
+options(error = expression(NULL))
+
 # Where a parser's message begins with the place. A place in column 0 is the end of the text.
 place <- "^<text>:([0-9]+):([0-9]+): "
 
@@ -64,7 +67,7 @@ up_to_error <- function(text) {
 # expression that was the block's n-th.
 described <- function(text, n) {
   calls <- vapply(.traceback(), paste, "", collapse = "\n")
-  traceback <- paste0(rev(seq_along(calls)), ": ", rev(calls), recycle0 = TRUE, collapse = "\n")
+  traceback <- paste0(rev(seq_along(calls)), ": ", calls, recycle0 = TRUE, collapse = "\n")
   line <- tryCatch(sources_of(text, n)[[n]][1L], error = function(failure) 0L)
   list(enc2utf8(sub("\n$", "", geterrmessage())), enc2utf8(traceback), line)
 }

@@ -104,6 +104,12 @@ bool refuse(const std::string& why) {
   return false;
 }
 
+// R itself would have a shell do it, and let the process ignore signals meanwhile.
+void removeTemporaryDirectory() {
+  std::error_code ignored;
+  if (R_TempDir) fs::remove_all(R_TempDir, ignored);
+}
+
 bool startRuntime(std::span<char* const> arguments) {
   const std::string home = homeOf();
   if (!isHome(home)) return refuse(home + " (R_HOME) does not hold the library of R " VEXAR_VERSION);
@@ -124,7 +130,9 @@ bool startRuntime(std::span<char* const> arguments) {
   gState = State::kStarting;
   gState = initialize(static_cast<int>(words.size()), argv.data()) ? State::kRunning : State::kBroken;
   gQuitStatus.reset();
-  return CanRun() || refuse("it has given up");
+  if (CanRun()) return true;
+  removeTemporaryDirectory();
+  return refuse("it has given up");
 }
 
 void renewTemporaryDirectory() {
@@ -160,7 +168,7 @@ void RestR() {
   const Turn turn;
   if (!CanRun()) return;
   (void)R_ToplevelExec(&endSession, nullptr);
-  R_CleanTempDir();
+  removeTemporaryDirectory();
 }
 
 bool CanRun() { return gState == State::kRunning; }

@@ -4,7 +4,9 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
+#include <string_view>
 
 #include "dxglobals.h"
 #include "environment.h"
@@ -29,9 +31,17 @@ struct Arguments {
   std::string pipeDirectory;
   std::string pipeId;
   std::string xName;
-  std::string libraryName;  // with a directory only for R
+  // Only for R.
+  std::string home;
+  std::string libraryName;
   std::string libraryDirectory;
 };
+
+// The host hands the home over in quotes.
+std::string unquoted(std::string_view text) {
+  if (text.size() >= 2 && text.front() == '"' && text.back() == '"') text = text.substr(1, text.size() - 2);
+  return std::string(text);
+}
 
 bool read(int argc, char** argv, Arguments& arguments) {
   if (argc != 5 && argc != 8) return false;
@@ -39,10 +49,17 @@ bool read(int argc, char** argv, Arguments& arguments) {
   arguments.pipeId = argv[3];
   arguments.xName = argv[4];
   if (argc == 8) {
+    arguments.home = unquoted(argv[5]);
     arguments.libraryName = argv[6];
     arguments.libraryDirectory = argv[7];
   }
   return true;
+}
+
+// The environment usually has it already, and the section may have put another one there.
+void setHome(const std::string& home) {
+  const char* const known = std::getenv("R_HOME");
+  if (!home.empty() && !(known && *known)) (void)::setenv("R_HOME", home.c_str(), 1);
 }
 
 // From the configuration itself, which needs no Java machine as the preferences do.
@@ -56,6 +73,7 @@ std::string libraryFile(const Arguments& arguments, XConfigOptions& options) {
 }
 
 int startPlugin(Plugin& plugin, const Arguments& arguments, XConfigOptions& options) {
+  setHome(arguments.home);
   XCmdArgument start(vexadx::StartArguments(options));
   return plugin.Start(libraryFile(arguments, options), start.argc(), start.argv());
 }

@@ -21,46 +21,14 @@
 #include <string>
 #include <vector>
 
-#include "dxglobals.h"
-#include "inpstatisticsx.h"
-#include "temphome.h"
-#include "vexadx_plugin.h"
+#include "language.h"
 
 namespace {
 
-using namespace std::chrono_literals;
 using std::string_literals::operator""s;
-
-std::string gOutput;
-std::function<void()> gOnOutput;
-void (*gInterrupt)() = nullptr;
-
-int takeOutput(const char* text, int length) {
-  gOutput.append(text, static_cast<std::size_t>(length));
-  if (gOnOutput) gOnOutput();
-  return 0;
-}
-
-// As a host does it.
-void onSigint(int /*signal*/) {
-  if (gInterrupt) gInterrupt();
-}
-
-vexadx::HostCallback hostCallback() {
-  vexadx::HostCallback table{};
-  std::copy(std::begin(vexadx::kHostCallbackTag), std::end(vexadx::kHostCallbackTag), table.tag);
-  table.size = sizeof table;
-  table.setInterrupt = [](void (*interrupt)()) { gInterrupt = interrupt; };
-  return table;
-}
 
 std::string withoutBlockNumbers(const std::string& text) {
   return std::regex_replace(text, std::regex("<block \\d+>"), "<block N>");
-}
-
-template <typename Function>
-auto onAnotherThread(Function function) {
-  return std::async(std::launch::async, function).get();
 }
 
 std::size_t entriesOf(const char* directory) {
@@ -68,72 +36,9 @@ std::size_t entriesOf(const char* directory) {
   return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
 }
 
-class Python : public testing::Test {
+class Python : public Language {
  protected:
-  Python() {
-    SetVEXAHOME(m_home.Path().c_str());
-    m_options.PutOption("LIB_NAME", "vexapython");
-    m_engine.emplace(&m_options, true);
-    m_engine->set_post_vexa_output(&takeOutput);
-    m_engine->setup_dxcallback(&m_callback);
-    struct sigaction action {};
-    action.sa_handler = &onSigint;
-    ::sigaction(SIGINT, &action, nullptr);
-    gOutput.clear();
-  }
-  ~Python() override {
-    m_engine.reset();
-    gOnOutput = nullptr;
-  }
-
-  int Start() { return m_engine->init_embedded_x(0, nullptr); }
-  int Run(std::string block) {
-    gOutput.clear();
-    return m_engine->execute_x(block.data());
-  }
-
-  // Interrupts from another thread, from the moment that the block has printed something until it has ended. More than
-  // once, because CPython misses a signal that comes between its last look and a system call.
-  int RunAndInterrupt(const std::string& block, void (*interrupt)(pthread_t runner)) {
-    std::promise<void> ready;
-    std::promise<void> ended;
-    gOnOutput = [&] {
-      gOnOutput = nullptr;
-      ready.set_value();
-    };
-    const auto interrupting = std::async(std::launch::async, [&, runner = ::pthread_self()] {
-      ready.get_future().wait();
-      const auto done = ended.get_future();
-      do {
-        interrupt(runner);
-      } while (done.wait_for(100ms) == std::future_status::timeout);
-    });
-    const int code = Run(block);
-    ended.set_value();
-    return code;
-  }
-
-  // Interrupts until after the end of one block must leave the next one alone, however late they are carried.
-  int CountBlocksHitTooLate() {
-    int hit = 0;
-    for (int i = 0; i < 50; ++i) {
-      std::promise<void> ready;
-      std::atomic<bool> ended = false;
-      std::atomic<bool> stopped = false;
-      const auto interrupting = std::async(std::launch::async, [&] {
-        ready.set_value();
-        while (!ended) gInterrupt();
-        stopped = true;
-      });
-      ready.get_future().wait();
-      (void)Run("for turn in range(500): pass");
-      ended = true;
-      while (!stopped) {
-      }
-      hit += Run("import time\nend = time.monotonic() + 0.01\nwhile time.monotonic() < end: pass") != 0;
-    }
-    return hit;
-  }
+  Python() : Language("vexapython") {}
 
   // Runs a block whose standard output is this descriptor.
   int RunOn(int descriptor, const std::string& block) {
@@ -145,11 +50,6 @@ class Python : public testing::Test {
     ::close(kept);
     return code;
   }
-
-  TempHome m_home;
-  XConfigOptions m_options{"PYX"};  // a name that has no Java preferences
-  vexadx::HostCallback m_callback = hostCallback();
-  std::optional<InpStatisticsX> m_engine;
 };
 
 struct BlockCase {
@@ -187,17 +87,6 @@ const BlockCase kBlocks[] = {
     {"sys.excepthook = kept\nsys.stderr, kept = None, sys.stderr\n1/0", 1, {""}},
     {"sys.stderr = kept\nraise ValueError('shown again')", 1, {"ValueError: shown again\n"}},
 };
-
-bool holdsInOrder(const std::string& text, const std::vector<std::string>& parts) {
-  std::size_t position = 0;
-  for (const std::string& part : parts) {
-    if (part.empty()) return text.empty();
-    position = text.find(part, position);
-    if (position == std::string::npos) return false;
-    position += part.size();
-  }
-  return true;
-}
 
 }  // namespace
 
@@ -323,8 +212,12 @@ TEST_F(Python, InterruptsDoNotHitTheNextBlock) {
   ASSERT_EQ(0, Start());
   gInterrupt();
   EXPECT_EQ(0, Run("for i in range(1000): pass"));
-  EXPECT_EQ(0, CountBlocksHitTooLate());
-  EXPECT_EQ(0, onAnotherThread([&] { return CountBlocksHitTooLate(); }));
+  const auto count = [&] {
+    return CountBlocksHitTooLate("for turn in range(500): pass",
+                                 "import time\nend = time.monotonic() + 0.01\nwhile time.monotonic() < end: pass");
+  };
+  EXPECT_EQ(0, count());
+  EXPECT_EQ(0, onAnotherThread(count));
 }
 
 TEST_F(Python, IgnoresCallbackTablesOfOtherHosts) {
