@@ -67,7 +67,8 @@ class BlockDriver : public DriveX {
 
 std::string CodeText(int code) { return "code " + std::to_string(code) + " (" + Meaning(code) + ")"; }
 
-std::string StartAdvice(const XConfigOptions& options) {
+std::string StartAdvice(const XConfigOptions& options, int code) {
+  if (code == vexadx::kLibraryNotLoaded) return "vexadx doctor --engine " + options.XName() + " looks for the cause";
   std::string trace = "a run with --trace FILE shows the step that failed";
   if (!plugincheck::UsesPreferences(options)) return trace;
   return "check " + options.XName() + ".home in " + plugincheck::PreferencesPath() +
@@ -192,7 +193,7 @@ void Session::loadPlugin() {
   if (code == vexadx::kSuccess) return;
   plugincheck::RequireUsable(m_options);
   throw Problem(kNotStarted, "the plug-in library of " + m_options.XName() + " cannot be used: " + CodeText(code),
-                StartAdvice(m_options));
+                StartAdvice(m_options, code));
 }
 
 int Session::initialize() {
@@ -214,7 +215,7 @@ StartResult Session::Start() {
   if (m_outside && !m_socket && WasNotExecuted(*m_outside)) throw plugincheck::NotAProgram();
   throw Problem(kNotStarted,
                 "the engine " + m_options.XName() + " could not be started: " + CodeText(code) + OwnEnd(m_outside),
-                StartAdvice(m_options));
+                StartAdvice(m_options, code));
 }
 
 BlockResult Session::Run(Block& block) {

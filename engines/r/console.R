@@ -26,8 +26,8 @@ count_whole <- function(text) {
 
 sources_of <- function(text, n) attr(parse(text = text, n = n, keep.source = TRUE), "srcref")
 
-# The lines behind an expression, as the console would have read them for the next one.
-lines_behind <- function(text, n) {
+# What is behind an expression, from the line on that the console would have read for the next one.
+text_behind <- function(text, n) {
   lines <- strsplit(text, "\n", fixed = TRUE)[[1L]]
   first <- 1L
   if (n > 0L) {
@@ -36,7 +36,7 @@ lines_behind <- function(text, n) {
     lines[first] <- sub("^[ \t]*;?", "", substring(lines[first], end[6L] + 1L))
   }
   while (first < length(lines) && grepl("^[ \t\r\f]*(#.*)?$", lines[first])) first <- first + 1L
-  list(first = first, lines = lines[seq(first, length.out = max(0L, length(lines) - first + 1L))])
+  list(text = paste(lines[first:length(lines)], collapse = "\n"), first = first, last = length(lines), n = 1L)
 }
 
 # In the console's words, which name no place.
@@ -57,10 +57,12 @@ rephrased <- function(message) {
 up_to_error <- function(text) {
   n <- count_whole(text)
   before <- if (n > 0L) parse(text = text, n = n, keep.source = isTRUE(getOption("keep.source"))) else expression()
-  rest <- lines_behind(text, n)
-  message <- conditionMessage(attempt(paste(rest$lines, collapse = "\n"), 1L))
+  # Bytes that are no text in this locale cannot be taken apart.
+  whole <- function(trouble) list(text = text, first = 1L, last = 1L, n = n + 1L)
+  rest <- tryCatch(text_behind(text, n), error = whole, warning = whole)
+  message <- conditionMessage(attempt(rest$text, rest$n))
   line <- if (grepl(place, message)) as.integer(sub(paste0(place, "(.|\n)*"), "\\1", message)) else 1L
-  list(before, rephrased(message), min(rest$first + line - 1L, rest$first + length(rest$lines) - 1L))
+  list(before, rephrased(message), min(rest$first + line - 1L, rest$last))
 }
 
 # What the console has said about the error that ended the block, the calls that led to it, and the line of the

@@ -18,5 +18,6 @@ extern "C" {
 // In R's library, but in no header that can be included here.
 extern Rboolean R_Visible;  // whether the console would print the value of what was evaluated last
 extern int R_interrupts_pending;
+extern Rboolean R_interrupts_suspended;
 void Rf_callToplevelHandlers(SEXP expression, SEXP value, Rboolean succeeded, Rboolean visible);
 }

@@ -1,5 +1,7 @@
 #include "runtime.h"
 
+#include <dlfcn.h>
+
 #include <csetjmp>
 #include <cstdlib>
 #include <filesystem>
@@ -20,7 +22,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr char kHomeVariable[] = "R_HOME";
-constexpr int kLookForInterrupts = 100000;  // µs; while R waits for time to pass or for descriptors
 
 // Guarded by the turn.
 enum class State { kNotStarted, kStarting, kRunning, kBroken };
@@ -61,6 +62,13 @@ void takeHooks() {
   R_Consolefile = nullptr;
 }
 
+// R's modules look for names in the libraries that are open to all, and then in R's: our wait comes first.
+void openWaitToAll() {
+  Dl_info wait{};
+  if (::dladdr(reinterpret_cast<void*>(&R_SelectEx), &wait) == 0) return;
+  (void)::dlopen(wait.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_GLOBAL);
+}
+
 // False when R has given up, with no way back. Nothing here has a destructor that a jump could pass.
 bool initialize(int argc, char** argv) {
   if (setjmp(gGiveUpStart) != 0) return false;
@@ -68,7 +76,6 @@ bool initialize(int argc, char** argv) {
   (void)Rf_initialize_R(argc, argv);
   takeHooks();
   R_Interactive = FALSE;
-  R_wait_usec = kLookForInterrupts;
   Turn::CheckThisStack();
   setup_Rmainloop();
   return R_ToplevelExec(&OpenConsole, nullptr) == TRUE;
@@ -127,6 +134,7 @@ bool startRuntime(std::span<char* const> arguments) {
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
 
+  openWaitToAll();
   gState = State::kStarting;
   gState = initialize(static_cast<int>(words.size()), argv.data()) ? State::kRunning : State::kBroken;
   gQuitStatus.reset();
