@@ -1,7 +1,6 @@
 #include "outpstatisticsx.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -23,6 +22,7 @@
 #include "clexdsmb.h"
 #include "framing.h"
 #include "outofprocess.h"
+#include "signals.h"
 #include "vexapipe.h"
 
 namespace fs = std::filesystem;
@@ -325,43 +325,6 @@ TEST_F(FaultyX, IsReapedWhenItEndsAfterItsStop) {
 }
 
 namespace {
-
-// Signals to the calling thread that end a system call, a thousand a second, while it lives.
-class Signals {
- public:
-  Signals() : m_sending([this, thread = ::pthread_self()] { send(thread); }) {}
-  ~Signals() {
-    m_isOver = true;
-    m_sending.join();
-    for (const auto& [signal, action] : m_before) ::sigaction(signal, &action, nullptr);
-  }
-  Signals(const Signals&) = delete;
-  Signals& operator=(const Signals&) = delete;
-
-  static std::atomic<int> taken;
-
- private:
-  void send(pthread_t thread) {
-    for (std::size_t i = 0; !m_isOver; ++i) {
-      ::pthread_kill(thread, m_before[i % m_before.size()].first);
-      std::this_thread::sleep_for(1ms);
-    }
-  }
-
-  static std::pair<int, struct sigaction> take(int signal) {
-    struct sigaction action {};
-    struct sigaction before {};
-    action.sa_handler = [](int) { ++taken; };
-    ::sigaction(signal, &action, &before);
-    return {signal, before};
-  }
-
-  const std::vector<std::pair<int, struct sigaction>> m_before{take(SIGALRM), take(SIGCHLD), take(SIGUSR1)};
-  std::atomic<bool> m_isOver{false};
-  std::thread m_sending;
-};
-
-std::atomic<int> Signals::taken{0};
 
 std::string largeText() {
   std::string text(kLarge, ' ');
