@@ -15,6 +15,7 @@
 #include <sys/uio.h>
 #endif
 
+#include <chrono>
 #include <filesystem>
 #include <future>
 #include <string>
@@ -221,8 +222,9 @@ TEST_F(PipeTest, GoesOnWhenSignalsInterruptIt) {
   auto writing = std::async(std::launch::async, [&] {
     const Signals writersSignals;
     VexaPipe writer(Path());
-    ::usleep(20'000);  // the reader is interrupted in its open
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // the reader is interrupted in its open
     EXPECT_EQ(0, writer.OpenPipeToWrite());
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // and in its read
     EXPECT_EQ(0, writer.WriteData(text.data(), static_cast<int>(text.size()), nullptr));
   });
   EXPECT_EQ(0, reader.OpenPipeToRead());
