@@ -181,10 +181,10 @@ TYPED_TEST(FramingTest, KeepsNothingOfWhatCame) {
   for (const int wrong : {-1, 0, 3, 51}) cases.emplace_back(WithNumber(good.substr(0, 100), 0, wrong), malformed);
   for (const auto& [bytes, code] : cases) {
     SCOPED_TRACE(std::to_string(bytes.size()) + " bytes, " + std::to_string(code));
-    const auto receive = [&, wanted = code](int times) {
+    const auto receive = [&, message = bytes, wanted = code](int times) {
       for (int i = 0; i < times; ++i) {
         CleXDSmb block;
-        EXPECT_EQ(wanted, this->m_channel.Receive(block, writing(bytes)));
+        EXPECT_EQ(wanted, this->m_channel.Receive(block, writing(message)));
       }
     };
     receive(10);  // some memory is kept, but not for each
