@@ -84,6 +84,13 @@ class NestedRuns : public testing::Test {
   // A run from its beginning to its end.
   int RunBlock(const std::string& block) { return Run(Register(), block).Wait(); }
 
+  // A run whose block is in its middle, where it waits until m_go opens.
+  std::unique_ptr<Run> RunWaiting(const std::string& begin, const std::string& end) {
+    auto run = std::make_unique<Run>(Register(), begin + '\n' + m_ready.OpenInPython() + m_go.AwaitInPython() + end);
+    m_ready.Await();
+    return run;
+  }
+
   Names Files() const {
     Names names;
     for (const fs::directory_entry& entry : fs::directory_iterator(m_directory.Path())) {
@@ -108,6 +115,8 @@ class NestedRuns : public testing::Test {
   }
 
   TempHome m_home;
+  const Gate m_ready{m_home, "ready"};
+  const Gate m_go{m_home, "go"};
   TempDir m_directory;
   XPipeManager m_pipes{m_directory.Path().string() + '/', "4711"};
   std::unique_ptr<XConfigOptions> m_options;
@@ -118,29 +127,23 @@ class NestedRuns : public testing::Test {
 }  // namespace
 
 TEST_F(NestedRuns, ExecuteWhileTheOuterBlockDoes) {
-  const Gate ready(m_home, "ready");
-  const Gate go(m_home, "go");
   ASSERT_EQ(0, Start("PYTHON"));
   {
-    Run outer(Register(), "seen = ['outer']\n" + ready.OpenInPython() + go.AwaitInPython() + "seen.append('end')");
-    ready.Await();
+    const auto outer = RunWaiting("seen = ['outer']", "seen.append('end')");
     EXPECT_EQ(0, Ping());
     EXPECT_EQ(FilesOf("PYTHON", 1), Files());
     EXPECT_EQ(3, RunBlock("seen.append('failed')\nraise SystemExit(3)"));
     EXPECT_EQ(FilesOf("PYTHON", 1), Files());
-    {
-      // Lets the outer block end, so that the two runs end together.
-      Run inner(Register(), "seen.append('inner')\n" + go.OpenInPython());
-      EXPECT_EQ(0, inner.Wait());
-      EXPECT_EQ(0, outer.Wait());
-    }
+    // Lets the outer block end, so that the two runs end together.
+    Run inner(Register(), "seen.append('inner')\n" + m_go.OpenInPython());
+    EXPECT_EQ(0, inner.Wait());
+    EXPECT_EQ(0, outer->Wait());
   }
   EXPECT_EQ(FilesOf("PYTHON", 1), Files());
   EXPECT_EQ(0, RunBlock("assert seen == ['outer', 'failed', 'inner', 'end'], seen"));
 }
 
 TEST_F(NestedRuns, GoFiftyDeepAndBack) {
-  const Gate ready(m_home, "ready");
   ASSERT_EQ(0, Start("PYTHON"));
   for (const int depth : {3, 50}) {
     SCOPED_TRACE(depth);
@@ -151,8 +154,8 @@ TEST_F(NestedRuns, GoFiftyDeepAndBack) {
       const std::string number = std::to_string(level);
       gates.push_back(std::make_unique<Gate>(m_home, "go" + number));
       runs.push_back(std::make_unique<Run>(
-          Register(), ready.OpenInPython() + gates.back()->AwaitInPython() + "ended.append(" + number + ')'));
-      ready.Await();
+          Register(), m_ready.OpenInPython() + gates.back()->AwaitInPython() + "ended.append(" + number + ')'));
+      m_ready.Await();
     }
     EXPECT_EQ(0, Ping());
     EXPECT_EQ(FilesOf("PYTHON", depth), Files());
@@ -166,33 +169,27 @@ TEST_F(NestedRuns, GoFiftyDeepAndBack) {
 }
 
 TEST_F(NestedRuns, MayLeaveALevelOut) {
-  const Gate ready(m_home, "ready");
-  const Gate go(m_home, "go");
   ASSERT_EQ(0, Start("PYTHON"));
-  Run outer(Register(), "seen = 0\n" + ready.OpenInPython() + go.AwaitInPython() + "assert seen == 3, seen");
-  ready.Await();
+  const auto outer = RunWaiting("seen = 0", "assert seen == 3, seen");
   Driver unused = Register();
   EXPECT_EQ(0, RunBlock("seen += 1"));
   EXPECT_EQ(0, RunBlock("seen += 1"));
   EXPECT_EQ(FilesOf("PYTHON", 1), Files());
   EXPECT_EQ(0, Run(std::move(unused), "seen += 1").Wait());
   EXPECT_EQ(FilesOf("PYTHON", 1), Files());
-  go.Open();
-  EXPECT_EQ(0, outer.Wait());
+  m_go.Open();
+  EXPECT_EQ(0, outer->Wait());
 }
 
 TEST_F(NestedRuns, AreRefusedAtOnceByAnXThatHasNone) {
-  const Gate ready(m_home, "ready");
-  const Gate go(m_home, "go");
   ASSERT_EQ(0, Start("PYX"));
   {
-    Run outer(Register(), "seen = 'outer'\n" + ready.OpenInPython() + go.AwaitInPython());
-    ready.Await();
+    const auto outer = RunWaiting("seen = 'outer'", "");
     for (int i = 0; i < 2; ++i) EXPECT_EQ(2, RunBlock("seen = 'inner'"));
     EXPECT_EQ(0, Ping());
     EXPECT_EQ(FilesOf("PYX", 1), Files());
-    go.Open();  // not before: the refusals have not waited for it
-    EXPECT_EQ(0, outer.Wait());
+    m_go.Open();  // not before: the refusals have not waited for it
+    EXPECT_EQ(0, outer->Wait());
   }
   EXPECT_EQ(0, RunBlock("assert seen == 'outer', seen"));
 }

@@ -1,6 +1,5 @@
 // The X process itself, as an engine drives it.
 
-#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -58,22 +57,20 @@ long residentBytes(pid_t process) {
 }  // namespace
 
 TEST_F(StartX, PassesCodesThrough) {
+  const int codes[] = {7, -1, INT_MIN, INT_MAX};
   OutpX& x = Add("CTEST");
   ASSERT_EQ(0, x.Start());
-  for (const int code : {7, -1, INT_MIN, INT_MAX, 0}) EXPECT_EQ(code, x.Run(std::to_string(code)));
+  for (const int code : codes) EXPECT_EQ(code, x.Run(std::to_string(code)));
+  EXPECT_EQ(0, x.Run("0"));
   EXPECT_EQ(0, x.Stop());
-
-  for (const int code : {7, -1, INT_MIN, INT_MAX}) {
-    x.options.PutOption("CTEST_POST", std::to_string(code));
-    ASSERT_EQ(0, x.Start());
-    EXPECT_EQ(code, x.Run("0"));
-    EXPECT_EQ(0, x.Stop());
-  }
-  for (const int code : {7, -1, INT_MIN, INT_MAX}) {
-    x.options.PutOption("CTEST_PRE", std::to_string(code));
-    ASSERT_EQ(0, x.Start());
-    EXPECT_EQ(code, x.Begin());
-    EXPECT_EQ(0, x.Stop());
+  for (const char* step : {"CTEST_POST", "CTEST_PRE"}) {
+    for (const int code : codes) {
+      x.options.PutOption(step, std::to_string(code));
+      ASSERT_EQ(0, x.Start());
+      EXPECT_EQ(code, x.Run("0")) << step;
+      EXPECT_EQ(0, x.Stop());
+    }
+    x.options.PutOption(step, "0");
   }
 }
 
@@ -215,9 +212,9 @@ class KilledHost {
  public:
   KilledHost(const char* xName, const std::vector<std::string>& blocks) : m_host(command(xName, blocks)) {}
 
-  void AwaitOutput(const std::string& text) { m_host.AwaitOutput(text); }
-
-  void Kill() {
+  void KillAt(const std::string& output, std::chrono::microseconds delay = {}) {
+    m_host.AwaitOutput(output);
+    std::this_thread::sleep_for(delay);
     m_killed = Clock::now();
     m_host.Signal(SIGKILL);
   }
@@ -246,6 +243,9 @@ class KilledHost {
 
 TEST_F(StartX, EndsWithItsHost) {
   const std::string child = "import subprocess; subprocess.Popen(['/bin/sleep', '60'])";
+  const auto looping = [](const std::string& loop) { return "print('looping', flush=True)\n" + loop; };
+  const std::string swallowing =
+      "import os\nwhile True:\n  try: os.read(os.pipe()[0], 1)\n  except BaseException: pass";
   const struct {
     const char* xName;
     std::vector<std::string> blocks;
@@ -255,19 +255,14 @@ TEST_F(StartX, EndsWithItsHost) {
       {"CTEST", {"child"}, "idle"},
       {"CTEST", {"child", "wait"}, "running"},
       {"PYX", {child}, "idle"},
-      {"PYX", {child, "print('looping', flush=True)\nwhile True: pass"}, "looping"},
-      {"PYX", {child, "import time\nprint('looping', flush=True)\ntime.sleep(60)"}, "looping"},
-      {"PYX",
-       {child,
-        "import os\nprint('looping', flush=True)\nwhile True:\n  try: os.read(os.pipe()[0], 1)\n"
-        "  except BaseException: pass"},
-       "looping"},
+      {"PYX", {child, looping("while True: pass")}, "looping"},
+      {"PYX", {child, looping("import time\ntime.sleep(60)")}, "looping"},
+      {"PYX", {child, looping(swallowing)}, "looping"},
   };
   for (const auto& [xName, blocks, moment] : kCases) {
     SCOPED_TRACE(std::string(xName) + ' ' + moment + ' ' + (blocks.empty() ? "" : blocks.back()));
     KilledHost host(xName, blocks);
-    host.AwaitOutput(moment);
-    host.Kill();
+    host.KillAt(moment);
     host.ExpectAllGoneWithin(2s);
     EXPECT_FALSE(host.HasPipes());
   }
@@ -277,10 +272,7 @@ TEST_F(StartX, EndsWithItsHost) {
 TEST_F(StartX, EndsWithAHostThatIsKilledWhileItStarts) {
   std::list<KilledHost> hosts;
   for (int i = 0; i < 20; ++i) {
-    KilledHost& host = hosts.emplace_back("CTEST", std::vector<std::string>{});
-    host.AwaitOutput("starting");
-    std::this_thread::sleep_for(i * 300us);
-    host.Kill();
+    hosts.emplace_back("CTEST", std::vector<std::string>{}).KillAt("starting", i * 300us);
   }
   for (KilledHost& host : hosts) {
     host.ExpectAllGoneWithin(5s);

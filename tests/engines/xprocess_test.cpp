@@ -148,13 +148,6 @@ class XProcess : public testing::Test {
   }
 };
 
-// What PYTHON has between the pipe directory and the host's entries, and behind them.
-Texts PythonEntries(const std::string& directories, const Texts& others) {
-  Texts entries{"PYTHONHOME=/opt/py", "PYTHONPATH=/opt/app/../../Resources/" + directories};
-  entries.insert(entries.end(), others.begin(), others.end());
-  return entries;
-}
-
 Texts operator+(Texts first, const Texts& second) {
   first.insert(first.end(), second.begin(), second.end());
   return first;
@@ -163,9 +156,17 @@ Texts operator+(Texts first, const Texts& second) {
 const Texts kHomeAndPipes{"VEXA_HOME=" + kHome, "VEXADXTEMP=" + kPipes};
 const std::string kTwo = "Python/lib/python2.7/site-packages";
 const std::string kThree = "Python3/lib/python3.8/site-packages";
-const Texts kPythonDefaults{"BACKEND_PYTHON_SCRIPT=True", "CPRLMX_HOST=127.0.0.1", "CPRLMX_PORT=0",
-                            "JAVA_CLIENT_PORT=0"};
-const Texts kPythonLibraries{"DYLD_LIBRARY_PATH=/opt/py/lib:"};
+
+// What a PYTHON has between the pipe directory and the host's entries.
+Texts Python(const std::string& directories, const Texts& others) {
+  return Texts{"PYTHONHOME=/opt/py", "PYTHONPATH=/opt/app/../../Resources/" + directories} + others;
+}
+
+Texts Linked(const std::string& host, const std::string& port, const std::string& client = "0") {
+  return {"BACKEND_PYTHON_SCRIPT=True", "CPRLMX_HOST=" + host, "CPRLMX_PORT=" + port, "JAVA_CLIENT_PORT=" + client};
+}
+
+const Texts kUnlinked = Linked("127.0.0.1", "0");
 
 }  // namespace
 
@@ -211,88 +212,53 @@ TEST_F(XProcess, EnvironmentOfRAndOthers) {
   }
 }
 
+// The section's entries, ours, the host's as they are, and the library path.
 TEST_F(XProcess, EnvironmentOfPythons) {
   SetVEXAHOME(kHome.c_str());
-  const auto linked = [](const std::string& host, const std::string& port) {
-    return Texts{"BACKEND_PYTHON_SCRIPT=True", "CPRLMX_HOST=" + host, "CPRLMX_PORT=" + port, "JAVA_CLIENT_PORT=0"};
-  };
   const struct {
-    Engine engine;
+    std::string xName;
+    Texts section;
     Texts host;
-    Texts before;  // the section's
     Texts python;
-    Texts behind;
   } kCases[] = {
-      {{"PYTHON", "/opt/py/", {}}, {}, {}, PythonEntries(kTwo, kPythonDefaults), kPythonLibraries},
-      {{"PYTHON3", "/opt/py", {}}, {}, {}, PythonEntries(kThree, kPythonDefaults), kPythonLibraries},
-      {{"MYPYTHON", "/opt/py", {}}, {}, {}, PythonEntries(kThree, kPythonDefaults), kPythonLibraries},
+      {"PYTHON", {}, {}, Python(kTwo, kUnlinked)},
+      {"PYTHON3", {}, {}, Python(kThree, kUnlinked)},
+      {"MYPYTHON", {}, {}, Python(kThree, kUnlinked)},
       // Further packages: the section's or else the host's.
-      {{"PYTHON", "/opt/py", {"PYTHONPATH=/mine:"}},
-       {"PYTHONPATH=/host"},
-       {"PYTHONPATH=/mine:"},
-       PythonEntries(kTwo + ":/mine:", kPythonDefaults),
-       Texts{"PYTHONPATH=/host"} + kPythonLibraries},
-      {{"PYTHON3", "/opt/py", {"PYTHONPATH="}},
-       {"PYTHONPATH=/host"},
-       {"PYTHONPATH="},
-       PythonEntries(kThree + ':', kPythonDefaults),
-       Texts{"PYTHONPATH=/host"} + kPythonLibraries},
-      {{"MYPYTHON", "/opt/py", {}},
+      {"PYTHON", {"PYTHONPATH=/mine:"}, {"PYTHONPATH=/host"}, Python(kTwo + ":/mine:", kUnlinked)},
+      {"PYTHON3", {"PYTHONPATH="}, {"PYTHONPATH=/host"}, Python(kThree + ':', kUnlinked)},
+      {"MYPYTHON",
+       {},
        {"PYTHONPATH=/a:/b", "PYTHONHOME=/host", "BACKEND_PYTHON_SCRIPT=False", "JAVA_CLIENT_PORT=77"},
-       {},
-       PythonEntries(kThree + ":/a:/b",
-                     {"BACKEND_PYTHON_SCRIPT=True", "CPRLMX_HOST=127.0.0.1", "CPRLMX_PORT=0", "JAVA_CLIENT_PORT=77"}),
-       Texts{"PYTHONPATH=/a:/b", "PYTHONHOME=/host", "BACKEND_PYTHON_SCRIPT=False", "JAVA_CLIENT_PORT=77"} +
-           kPythonLibraries},
-      {{"PYTHON", "/opt/py", {}},
-       {"PYTHONPATH="},
-       {},
-       PythonEntries(kTwo + ':', kPythonDefaults),
-       Texts{"PYTHONPATH="} + kPythonLibraries},
+       Python(kThree + ":/a:/b", Linked("127.0.0.1", "0", "77"))},
+      {"PYTHON", {}, {"PYTHONPATH="}, Python(kTwo + ':', kUnlinked)},
       // The host's services: both of its variables or none, and both of ours unless the section has both.
-      {{"PYTHON", "/opt/py", {}},
-       {"TSOH=there", "TROP=9"},
-       {},
-       PythonEntries(kTwo, linked("there", "9")),
-       Texts{"TSOH=there", "TROP=9"} + kPythonLibraries},
-      {{"PYTHON", "/opt/py", {}},
-       {"TSOH=there"},
-       {},
-       PythonEntries(kTwo, kPythonDefaults),
-       Texts{"TSOH=there"} + kPythonLibraries},
-      {{"PYTHON", "/opt/py", {}},
-       {"TROP=9"},
-       {},
-       PythonEntries(kTwo, kPythonDefaults),
-       Texts{"TROP=9"} + kPythonLibraries},
-      {{"PYTHON", "/opt/py", {"CPRLMX_HOST=mine"}},
-       {"TSOH=there", "TROP="},
-       {"CPRLMX_HOST=mine"},
-       PythonEntries(kTwo, linked("there", "")),
-       Texts{"TSOH=there", "TROP="} + kPythonLibraries},
-      {{"PYTHON", "/opt/py", {"CPRLMX_PORT=1"}},
-       {},
-       {"CPRLMX_PORT=1"},
-       PythonEntries(kTwo, kPythonDefaults),
-       kPythonLibraries},
-      {{"PYTHON", "/opt/py", {"CPRLMX_PORT=1", "CPRLMX_HOST=mine"}},
-       {"TSOH=there", "TROP=9"},
+      {"PYTHON", {}, {"TSOH=there", "TROP=9"}, Python(kTwo, Linked("there", "9"))},
+      {"PYTHON", {}, {"TSOH=there"}, Python(kTwo, kUnlinked)},
+      {"PYTHON", {}, {"TROP=9"}, Python(kTwo, kUnlinked)},
+      {"PYTHON", {"CPRLMX_HOST=mine"}, {"TSOH=there", "TROP="}, Python(kTwo, Linked("there", ""))},
+      {"PYTHON", {"CPRLMX_PORT=1"}, {}, Python(kTwo, kUnlinked)},
+      {"PYTHON",
        {"CPRLMX_HOST=mine", "CPRLMX_PORT=1"},
-       PythonEntries(kTwo, {"BACKEND_PYTHON_SCRIPT=True", "JAVA_CLIENT_PORT=0"}),
-       Texts{"TSOH=there", "TROP=9"} + kPythonLibraries},
+       {"TSOH=there", "TROP=9"},
+       Python(kTwo, {"BACKEND_PYTHON_SCRIPT=True", "JAVA_CLIENT_PORT=0"})},
       // What the section says counts, but for the home.
-      {{"PYTHON",
-        "/opt/py",
-        {"BACKEND_PYTHON_SCRIPT=False", "JAVA_CLIENT_PORT=5", "PYTHONHOME=/mine", "DYLD_LIBRARY_PATH=/mine"}},
-       {"DYLD_LIBRARY_PATH=/host", "JAVA_CLIENT_PORT=6"},
-       {"BACKEND_PYTHON_SCRIPT=False", "DYLD_LIBRARY_PATH=/mine", "JAVA_CLIENT_PORT=5", "PYTHONHOME=/mine"},
-       PythonEntries(kTwo, {"CPRLMX_HOST=127.0.0.1", "CPRLMX_PORT=0"}),
-       {"JAVA_CLIENT_PORT=6"}},
+      {"PYTHON",
+       {"BACKEND_PYTHON_SCRIPT=False", "JAVA_CLIENT_PORT=5", "PYTHONHOME=/mine"},
+       {"JAVA_CLIENT_PORT=6"},
+       Python(kTwo, {"CPRLMX_HOST=127.0.0.1", "CPRLMX_PORT=0"})},
   };
   for (const auto& c : kCases) {
-    SCOPED_TRACE(c.engine.xName + ' ' + testing::PrintToString(c.engine.section) + testing::PrintToString(c.host));
-    EXPECT_EQ(c.before + kHomeAndPipes + c.python + c.behind, EnvironmentFor(c.engine, c.host));
+    SCOPED_TRACE(c.xName + ' ' + testing::PrintToString(c.section) + testing::PrintToString(c.host));
+    const Texts ends = c.host + Texts{"DYLD_LIBRARY_PATH=/opt/py/lib:"};
+    for (const std::string home : {"/opt/py", "/opt/py/"}) {
+      EXPECT_EQ(c.section + kHomeAndPipes + c.python + ends, EnvironmentFor({c.xName, home, c.section}, c.host));
+    }
   }
+  // The section's library path is the only one.
+  const Texts mine{"DYLD_LIBRARY_PATH=/mine"};
+  EXPECT_EQ(mine + kHomeAndPipes + Python(kTwo, kUnlinked) + Texts{"A=1"},
+            EnvironmentFor({"PYTHON", "/opt/py/", mine}, {"DYLD_LIBRARY_PATH=/host", "A=1"}));
 }
 
 TEST_F(XProcess, EnvironmentOfTheJavaExtension) {
@@ -335,25 +301,19 @@ TEST_F(XProcess, EnvironmentOfTheJavaExtension) {
 
 TEST_F(XProcess, IsStartedWithItsArgumentsAndTheEnvironment) {
   SetVEXAHOME(m_home.Path().c_str());
-  const std::string program = m_home.Path("bin/startx");
+  const Texts section{"A=0", "CPRLMX_HOST=mine"};
   const Texts host{"A=1", "DYLD_LIBRARY_PATH=/host", "A=2", "no equals sign", "VEXA_HOME=/host"};
-  for (const std::string name : {"PYTHON", "PYTHON3", "MYPYTHON", "CTEST"}) {
-    SCOPED_TRACE(name);
-    const Report report = Start({name, "/opt/x", {"A=0", "CPRLMX_HOST=mine"}}, 1, "bin/startx", kNoX, host);
-    EXPECT_EQ((Texts{program, "LOCAL", kPipes, "4711", name}), report.arguments);
-  }
-}
-
-TEST_F(XProcess, OfRIsToldItsHomeAndLibrary) {
-  SetVEXAHOME(m_home.Path().c_str());
-  const std::string program = m_home.Path("bin/startx");
-  // The engine's preferences are asked at the start.
   const struct {
     int mode;
-    std::string name;
+    std::string modeName;
     Engine engine;
     Texts behind;
   } kCases[] = {
+      {1, "LOCAL", {"PYTHON", "/opt/x", section}, {}},
+      {1, "LOCAL", {"PYTHON3", "/opt/x", section}, {}},
+      {1, "LOCAL", {"MYPYTHON", "/opt/x", section}, {}},
+      {1, "LOCAL", {"CTEST", "/opt/x", section}, {}},
+      // R is told its home and library. The engine's preferences are asked at the start.
       {0,
        "REMOTE",
        {"R", "/opt/my R/\nR.libName=vexar\nR.libPath=/opt/lib", {}},
@@ -361,18 +321,18 @@ TEST_F(XProcess, OfRIsToldItsHomeAndLibrary) {
       {2, "LOCAL", {"R", "", {}}, {"\"\"", "", ""}},
   };
   for (const auto& c : kCases) {
-    SCOPED_TRACE(c.name);
-    const Report report = Start(c.engine, c.mode, "bin/startx", kNoX);
-    EXPECT_EQ((Texts{program, c.name, kPipes, "4711", "R"} + c.behind), report.arguments);
+    SCOPED_TRACE(c.engine.xName + c.modeName);
+    const Report report = Start(c.engine, c.mode, "bin/startx", kNoX, host);
+    EXPECT_EQ((Texts{m_home.Path("bin/startx"), c.modeName, kPipes, "4711", c.engine.xName} + c.behind),
+              report.arguments);
   }
 }
 
 TEST_F(XProcess, OfTheJavaExtensionIsToldThePortAndTheCommand) {
   SetVEXAHOME(m_home.Path().c_str());
-  const std::string program = m_home.Path("JRE/bin/java");
   const struct {
     int mode;
-    std::string name;
+    std::string modeName;
     Texts host;
     std::string type;
     std::string command;
@@ -387,10 +347,11 @@ TEST_F(XProcess, OfTheJavaExtensionIsToldThePortAndTheCommand) {
     SetavaExtSocket(&socket);
     JavaExtensionSmb().SetCommandName(c.command);
     const Report report = Start({"JAVAEXTENSION", "", {"A=0"}}, c.mode, "JRE/bin/java", kNoJava, c.host);
-    EXPECT_EQ((Texts{program, "-Dversioninfo.apptype=" + c.type, "com.zel.statistics.plugin.Extension", c.name,
-                     std::to_string(socket.GetSocketPort()), c.command}),
-              report.arguments);
     EXPECT_NE(0, socket.GetSocketPort());
+    EXPECT_EQ(
+        (Texts{m_home.Path("JRE/bin/java"), "-Dversioninfo.apptype=" + c.type, "com.zel.statistics.plugin.Extension",
+               c.modeName, std::to_string(socket.GetSocketPort()), c.command}),
+        report.arguments);
     (void)socket.CloseSocket();
   }
 }

@@ -7,12 +7,11 @@
 #include <vector>
 
 #include "childprocess.h"
-#include "clexdsmb.h"
 #include "framing.h"
 #include "javaextension.h"
 #include "javaextensionsmb.h"
 #include "javapluginsocket.h"
-#include "vexadx_bytes.h"
+#include "message.h"
 
 namespace {
 
@@ -22,19 +21,6 @@ using Strings = std::vector<std::string>;
 
 void ExpectWords(const std::string& text, const Strings& words) {
   for (const std::string& word : words) EXPECT_NE(std::string::npos, text.find(word)) << word << " in\n" << text;
-}
-
-std::string Message(CleXDSmb& block) {
-  int length = 0;
-  EXPECT_EQ(0, block.ContructSendData());
-  const char* const bytes = block.GetSendBuf(length);
-  return {bytes, static_cast<std::size_t>(length)};
-}
-
-// With another number in place of the four bytes there.
-std::string With(std::string message, std::size_t offset, int value) {
-  vexadx::Store(message.data() + offset, value);
-  return message;
 }
 
 // The real Java process, and this process as its host.
@@ -67,59 +53,11 @@ class JavaExtension : public testing::Test {
     EXPECT_EQ(0, m_socket.WriteData(bytes.data(), static_cast<int>(bytes.size()), unused));
   }
 
-  // What the host does with a block.
-  void Send(const std::string& command, const Strings& lines) {
-    CommandLine commandLine;
-    commandLine.javaCommand = {command, "/extensions", false};
-    PrepareJavaExtension(commandLine, {"block", lines});
-    JavaExtensionSmb extension;
-    EXPECT_EQ(command, extension.GetCommandName());
-    EXPECT_EQ("/extensions", extension.GetExtensionPath());
-    EXPECT_FALSE(extension.IsPackageMode());
-    EXPECT_EQ(0, SendData(&m_socket, extension));
-  }
-
   JavaPlugInSocket m_socket;
 };
 
-TEST_F(JavaExtension, RunsTheCommandAndEndsAsItDoes) {
-  const struct {
-    std::string command;
-    Strings lines;
-    int status;
-    std::string out;
-    Strings err;  // words; none: nothing at all
-  } cases[] = {
-      {"STATS_HELLO", {}, 0, "", {}},
-      {"STATS_HELLO",
-       {"first line", "", "n\xC3\xA4her\t\xF0\x9F\x98\x80"},
-       0,
-       "<first line><><n\xC3\xA4her\t\xF0\x9F\x98\x80>",
-       {}},
-      {"STATS_HELLO", {"not UTF-8: \xFF"}, 0, "<not UTF-8: \xEF\xBF\xBD>", {}},
-      {"com.vexa.commands.Count", Strings(1000, std::string(1000, 'x')), 0, "1000 1000000", {}},
-      {"STATS_WORKER", {}, 0, "after", {}},
-      {"STATS_EXIT", {"7"}, 7, "", {}},
-      {"STATS_THROW",
-       {},
-       1,
-       "",
-       {"Exception in thread \"main\" java.lang.IllegalStateException: on purpose\n\tat STATS_THROW.main(",
-        "Caused by: java.lang.RuntimeException: the cause"}},
-      {"STATS_BROKEN", {}, 1, "", {"ExceptionInInitializerError", "no number"}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.command + testing::PrintToString(c.out));
-    const std::unique_ptr<ChildProcess> child = Connect(c.command);
-    Send(c.command, c.lines);
-    EXPECT_EQ(c.status, child->Wait());
-    EXPECT_EQ(c.out, child->Out());
-    ExpectWords(child->Err(), c.err);
-    EXPECT_EQ(c.err.empty(), child->Err().empty()) << child->Err();
-  }
-}
-
-TEST_F(JavaExtension, RefusesMessagesThatAreNotWellFormed) {
+// The host closes early, or has sent what is no message and waits.
+TEST_F(JavaExtension, RefusesMessagesThatAreNotWellFormedOrWhole) {
   CleXDSmb empty;
   CleXDSmb full;
   const std::string text = "text";
@@ -127,32 +65,41 @@ TEST_F(JavaExtension, RefusesMessagesThatAreNotWellFormed) {
   full.SetDouble(0.5);
   full.SetString(text);
   full.SetStruct(dataSet());
-  const std::string none = Message(empty);
-  const std::string one = Message(full);
+  const std::string none = MessageOf(empty);
+  const std::string one = MessageOf(full);
   const struct {
     const char* what;
     std::string message;
     std::string word;
+    bool closes = false;
   } cases[] = {
-      {"no room for a message", With(none, 0, 51), "51 bytes"},
-      {"a negative length", With(none, 0, -1), "-1 bytes"},
-      {"one byte too many", With(none, 0, 53) + '\0', "goes on for 1 bytes"},
-      {"a negative number of integers", With(one, 12, -1), "malformed"},
-      {"more integers than bytes", With(one, 12, 0x7FFFFFFF), "malformed"},
-      {"more doubles than bytes", With(one, 20, 0x20000001), "malformed"},  // times 8 it would be 8
-      {"more strings than bytes", With(one, 32, 0x7FFFFFFF), "malformed"},
-      {"a negative length of a string", With(one, 36, -4), "malformed"},
-      {"a string past the end", With(one, 36, 1000), "malformed"},
-      {"more records than bytes", With(one, 44, 0x7FFFFFFF), "malformed"},
-      {"void data past the end", With(none, 48, 1), "malformed"},
+      {"no room for a message", WithNumber(none, 0, 51), "51 bytes"},
+      {"a negative length", WithNumber(none, 0, -1), "-1 bytes"},
+      {"one byte too many", WithNumber(none, 0, 53) + '\0', "goes on for 1 bytes"},
+      {"a negative number of integers", WithNumber(one, 12, -1), "malformed"},
+      {"more integers than bytes", WithNumber(one, 12, 0x7FFFFFFF), "malformed"},
+      {"more doubles than bytes", WithNumber(one, 20, 0x20000001), "malformed"},  // times 8 it would be 8
+      {"more strings than bytes", WithNumber(one, 32, 0x7FFFFFFF), "malformed"},
+      {"a negative length of a string", WithNumber(one, 36, -4), "malformed"},
+      {"a string past the end", WithNumber(one, 36, 1000), "malformed"},
+      {"more records than bytes", WithNumber(one, 44, 0x7FFFFFFF), "malformed"},
+      {"void data past the end", WithNumber(none, 48, 1), "malformed"},
+      {"nothing", "", "too early", true},
+      {"half of a length", none.substr(0, 3), "too early", true},
+      {"a length alone", none.substr(0, 4), "too early", true},
+      {"one byte too few", none.substr(0, none.size() - 1), "too early", true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     const std::unique_ptr<ChildProcess> child = Connect("STATS_HELLO");
-    Send(c.message);
+    if (!c.message.empty()) Send(c.message);
+    if (c.closes) m_socket.CloseSocket();
     EXPECT_EQ(4, child->Wait());
     EXPECT_EQ("", child->Out());
     ExpectWords(child->Err(), {"Java extension: ", c.word});
+    if (c.closes) {
+      EXPECT_EQ(0, m_socket.CreateSocket());
+    }
   }
 }
 
@@ -179,29 +126,21 @@ TEST_F(JavaExtension, TakesTheStringListOfAMessageThatHoldsEverything) {
   block.SaveDataIntoVoidData("ab", 2);
 
   const std::unique_ptr<ChildProcess> child = Connect("STATS_HELLO");
-  Send(Message(block));
+  Send(MessageOf(block));
   EXPECT_EQ(0, child->Wait()) << child->Err();
   EXPECT_EQ("<line>", child->Out());
 }
 
-TEST_F(JavaExtension, EndsWithAStatusOfItsOwnWhenTheHostClosesEarly) {
-  CleXDSmb block;
-  const std::string message = Message(block);
-  for (const std::size_t length : {std::size_t{0}, std::size_t{3}, std::size_t{4}, message.size() - 1}) {
-    SCOPED_TRACE(length);
-    const std::unique_ptr<ChildProcess> child = Connect("STATS_HELLO");
-    if (length > 0) Send(message.substr(0, length));
-    m_socket.CloseSocket();
-    EXPECT_EQ(4, child->Wait());
-    EXPECT_EQ("", child->Out());
-    ExpectWords(child->Err(), {"Java extension: ", "too early"});
-    ASSERT_EQ(0, m_socket.CreateSocket());
-  }
-}
-
 TEST_F(JavaExtension, EndsInTheMiddleOfTheCommandWhenTheHostIsGone) {
   const std::unique_ptr<ChildProcess> child = Connect("STATS_WAIT");
-  Send("STATS_WAIT", {});
+  CommandLine commandLine;
+  commandLine.javaCommand = {"STATS_WAIT", "/extensions", false};
+  PrepareJavaExtension(commandLine, {"block", {}});
+  JavaExtensionSmb extension;
+  EXPECT_EQ("STATS_WAIT", extension.GetCommandName());
+  EXPECT_EQ("/extensions", extension.GetExtensionPath());
+  EXPECT_FALSE(extension.IsPackageMode());
+  EXPECT_EQ(0, SendData(&m_socket, extension));
   child->AwaitOutput("waiting");
   const Clock::time_point gone = Clock::now();
   m_socket.CloseSocket();

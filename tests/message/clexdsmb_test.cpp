@@ -10,14 +10,9 @@
 #include <memory>
 #include <string>
 
-namespace {
+#include "message.h"
 
-std::string messageOf(CleXDSmb& block) {
-  int length = -1;
-  EXPECT_EQ(0, block.ContructSendData());
-  const char* const message = block.GetSendBuf(length);
-  return {message, static_cast<std::size_t>(length)};
-}
+namespace {
 
 std::string hex(const std::string& bytes) {
   std::string text;
@@ -78,15 +73,15 @@ TEST(MessageBlock, IsTheBytesThatTheFormatSays) {
   for (const auto& c : cases) {
     CleXDSmb block;
     c.fill(block);
-    EXPECT_EQ(c.message, hex(messageOf(block)));
-    EXPECT_EQ(c.message, hex(messageOf(block))) << "built again";
+    EXPECT_EQ(c.message, hex(MessageOf(block)));
+    EXPECT_EQ(c.message, hex(MessageOf(block))) << "built again";
   }
 }
 
 TEST(MessageBlock, ParsesBehindWhatItHas) {
   CleXDSmb sent;
   fill(sent);
-  const std::string message = messageOf(sent);
+  const std::string message = MessageOf(sent);
   CleXDSmb block;
   for (int time = 1; time <= 2; ++time) {
     block.SetBinaryString("a longer one", 12);
@@ -130,7 +125,7 @@ TEST(MessageBlock, ReplacesWhatItIsToldToReplace) {
     EXPECT_EQ(3, length);
   }
   CleXDSmb none;
-  block.ParseBuf(messageOf(none).data());
+  block.ParseBuf(MessageOf(none).data());
   (void)block.GetVoidData(length);
   EXPECT_EQ(0, length);
   block.SetVoidData(nullptr, 100);
@@ -141,23 +136,23 @@ TEST(MessageBlock, ReplacesWhatItIsToldToReplace) {
 TEST(MessageBlock, IsUnchangedByWhatIsNoMessage) {
   CleXDSmb block;
   fill(block);
-  const std::string message = messageOf(block);
+  const std::string message = MessageOf(block);
   EXPECT_EQ(0, block.ParseBuf(nullptr));
   std::string wrong = message;
   wrong[12] = 2;  // one integer more than there is
   EXPECT_EQ(0, block.ParseBuf(wrong.data()));
-  EXPECT_EQ(message, messageOf(block));
+  EXPECT_EQ(message, MessageOf(block));
 }
 
 // Who releases what, the address sanitizer sees.
 TEST(MessageBlock, OwnsItsBuffersInAnyOrder) {
   CleXDSmb block;
   fill(block);
-  const std::string message = messageOf(block);
+  const std::string message = MessageOf(block);
   const std::function<void()> steps[] = {
       [&] { fill(block); },
       [&] { block.ParseBuf(message.data()); },
-      [&] { (void)messageOf(block); },
+      [&] { (void)MessageOf(block); },
       [&] { block.CleanUp(); },
       [&] { block.CleanUpAllData(); },
       [&] { block.SetVoidData(std::malloc(4), 4); },
@@ -178,14 +173,14 @@ TEST(MessageBlock, OwnsItsBuffersInAnyOrder) {
   }
   block.SetLongArray(block.GetLongArrayRef());
   block.CleanUp();
-  EXPECT_EQ(52u, messageOf(block).size());
+  EXPECT_EQ(52u, MessageOf(block).size());
 }
 
 TEST(MessageBlock, HandsItsBinaryPayloadOver) {
   CleXDSmb block;
   block.SetBinaryString("abc", 3);
   std::unique_ptr<char[]> handedOut(block.GetBinaryData());
-  EXPECT_EQ(55u, messageOf(block).size()) << "it is still sent";
+  EXPECT_EQ(55u, MessageOf(block).size()) << "it is still sent";
   block.CleanUp();
   EXPECT_EQ(nullptr, block.GetBinaryData());
   EXPECT_EQ(0, std::memcmp("abc", handedOut.get(), 3)) << "it is the caller's";
@@ -193,19 +188,19 @@ TEST(MessageBlock, HandsItsBinaryPayloadOver) {
   block.SetBinaryString("abcdef", 6);
   CleXDSmb other;
   other.SetBinaryString("xy", 2);
-  block.ParseBuf(messageOf(other).data());  // the length that was set stays
-  EXPECT_EQ(54u, messageOf(block).size()) << "no more is sent than there is";
-  block.ParseBuf(messageOf(block).data());
+  block.ParseBuf(MessageOf(other).data());  // the length that was set stays
+  EXPECT_EQ(54u, MessageOf(block).size()) << "no more is sent than there is";
+  block.ParseBuf(MessageOf(block).data());
   CleXDSmb none;
-  block.ParseBuf(messageOf(none).data());
-  EXPECT_EQ(52u, messageOf(block).size());
+  block.ParseBuf(MessageOf(none).data());
+  EXPECT_EQ(52u, MessageOf(block).size());
 }
 
 TEST(MessageBlock, CleansUpWhatItIsAskedTo) {
   CleXDSmb block;
   fill(block);
   block.SetErrorCode(5);
-  (void)messageOf(block);
+  (void)MessageOf(block);
   block.CleanUpLongData();
   block.CleanUpDoubleData();
   block.CleanUpStringData();

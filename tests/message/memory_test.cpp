@@ -7,7 +7,7 @@
 #include <new>
 #include <string>
 
-#include "clexdsmb.h"
+#include "message.h"
 
 namespace {
 
@@ -28,17 +28,6 @@ void* operator new(std::size_t size) {
 void operator delete(void* block) noexcept { std::free(block); }
 void operator delete(void* block, std::size_t) noexcept { std::free(block); }
 
-namespace {
-
-std::string messageOf(CleXDSmb& block) {
-  int length = 0;
-  block.ContructSendData();
-  const char* const message = block.GetSendBuf(length);
-  return {message, static_cast<std::size_t>(length)};
-}
-
-}  // namespace
-
 TEST(MessageBlock, IsUnchangedWhenMemoryGivesOut) {
   CleXDSmb sent;
   sent.SetErrorCode(5);
@@ -50,12 +39,12 @@ TEST(MessageBlock, IsUnchangedWhenMemoryGivesOut) {
   sent.SetStringArray(sent.GetStringData());
   sent.SetBinaryString("b", 1);
   sent.SetwString(L"w");
-  const std::string message = messageOf(sent);
+  const std::string message = MessageOf(sent);
 
   CleXDSmb block;
   block.SetString("held");
   block.SetwString(L"held");
-  const std::string before = messageOf(block);
+  const std::string before = MessageOf(block);
   int failed = 0;
   for (;; ++failed) {
     gAllocationsLeft = failed;
@@ -63,7 +52,7 @@ TEST(MessageBlock, IsUnchangedWhenMemoryGivesOut) {
     const bool noneFailed = gAllocationsLeft >= 0;
     gAllocationsLeft = -1;
     if (noneFailed) break;
-    ASSERT_EQ(before, messageOf(block)) << failed;
+    ASSERT_EQ(before, MessageOf(block)) << failed;
   }
   EXPECT_GT(failed, 10);
   EXPECT_EQ(5, block.GetErrorCode());

@@ -201,21 +201,7 @@ TEST(PlatformRefuses, WithoutMemoryForTheBlockTheDriverAnswers1) {
 
 TEST(PlatformsRules, EachThreadIsJoinedOrDetachedExactlyOnce) {
   constexpr int kThreads = 2000;
-  for (int i = 0; i < kThreads; ++i) {
-    Worker thread([i] { return i; });
-    ASSERT_TRUE(thread.Start(0));
-    if (i % 4 == 0) continue;  // destroyed at once
-    if (i % 4 == 1) {
-      EXPECT_TRUE(becomesTrue([&] { return !thread.HasThread(); }));
-    }
-    if (i % 4 == 2) {
-      std::thread other([&] { EXPECT_TRUE(thread.WaitForStop()); });
-      EXPECT_TRUE(thread.WaitForStop());
-      other.join();
-    } else {
-      EXPECT_TRUE(thread.WaitForStop());
-    }
-  }
+  startAndEnd(kThreads);
   EXPECT_TRUE(becomesTrue([] {
     const std::lock_guard lock(gWatch);
     return gEndedOnce == gMade;

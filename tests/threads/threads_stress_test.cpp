@@ -3,7 +3,6 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <thread>
 #include <vector>
 
@@ -25,45 +24,6 @@ long residentPages() {
 }
 #endif
 
-std::atomic<int> gRuns{0};
-
-// Starts threads, and ends with each in another way; none may be joined twice, lost, or touch its object too late.
-void startAndEnd(int starts) {
-  for (int started = 0, way = 0; started < starts; ++started, ++way) {
-    auto thread = std::make_unique<Worker>([way] {
-      ++gRuns;
-      return way;
-    });
-    ASSERT_TRUE(thread->Start(0));
-    switch (way % 6) {
-      case 0:  // joined
-        EXPECT_TRUE(thread->WaitForStop());
-        EXPECT_EQ(way, thread->GetReturnValue());
-        break;
-      case 1:  // waited for on its own way out
-        EXPECT_TRUE(becomesTrue([&] { return !thread->HasThread(); }));
-        EXPECT_TRUE(thread->WaitForStop());
-        break;
-      case 2:  // destroyed on its own way out
-        EXPECT_TRUE(becomesTrue([&] { return !thread->HasThread(); }));
-        break;
-      case 3: {  // waited for by two at once
-        std::thread other([&] { EXPECT_TRUE(thread->WaitForStop()); });
-        EXPECT_TRUE(thread->WaitForStop());
-        other.join();
-        break;
-      }
-      case 4:  // started again on its way out
-        EXPECT_TRUE(becomesTrue([&] { return !thread->HasThread(); }));
-        ASSERT_TRUE(thread->Start(0));
-        ++started;
-        break;
-      default:  // destroyed at once
-        break;
-    }
-  }
-}
-
 }  // namespace
 
 TEST(ThreadsUnderLoad, AreNeverLost) {
@@ -77,9 +37,9 @@ TEST(ThreadsUnderLoad, AreNeverLost) {
 #ifdef __linux__
   [[maybe_unused]] const long pages = residentPages();
 #endif
-  gRuns = 0;
+  gWorkerRuns = 0;
   inParallel(kStarters, [] { startAndEnd(kStarts); });
-  EXPECT_EQ(kStarters * kStarts, gRuns);
+  EXPECT_EQ(kStarters * kStarts, gWorkerRuns);
 #ifdef __linux__
   // Who has detached itself may still be leaving.
   EXPECT_TRUE(becomesTrue([&] { return threadCount() <= threads; }));

@@ -1,7 +1,11 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <atomic>
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -39,4 +43,43 @@ void inParallel(int count, Body body) {
   threads.reserve(static_cast<std::size_t>(count));
   for (int i = 0; i < count; ++i) threads.emplace_back(body);
   for (std::thread& thread : threads) thread.join();
+}
+
+inline std::atomic<int> gWorkerRuns{0};
+
+// Starts threads, and ends with each in another way; none may be joined twice, lost, or touch its object too late.
+inline void startAndEnd(int starts) {
+  for (int started = 0, way = 0; started < starts; ++started, ++way) {
+    auto thread = std::make_unique<Worker>([way] {
+      ++gWorkerRuns;
+      return way;
+    });
+    ASSERT_TRUE(thread->Start(0));
+    switch (way % 6) {
+      case 0:  // joined
+        EXPECT_TRUE(thread->WaitForStop());
+        EXPECT_EQ(way, thread->GetReturnValue());
+        break;
+      case 1:  // waited for on its own way out
+        EXPECT_TRUE(becomesTrue([&] { return !thread->HasThread(); }));
+        EXPECT_TRUE(thread->WaitForStop());
+        break;
+      case 2:  // destroyed on its own way out
+        EXPECT_TRUE(becomesTrue([&] { return !thread->HasThread(); }));
+        break;
+      case 3: {  // waited for by two at once
+        std::thread other([&] { EXPECT_TRUE(thread->WaitForStop()); });
+        EXPECT_TRUE(thread->WaitForStop());
+        other.join();
+        break;
+      }
+      case 4:  // started again on its way out
+        EXPECT_TRUE(becomesTrue([&] { return !thread->HasThread(); }));
+        ASSERT_TRUE(thread->Start(0));
+        ++started;
+        break;
+      default:  // destroyed at once
+        break;
+    }
+  }
 }

@@ -1,49 +1,21 @@
 #include "asycspipe1.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "dxglobals.h"
 #include "dxtracer.h"
+#include "forkedpeer.h"
 #include "temphome.h"
 
 namespace {
 
 using Texts = std::vector<std::string>;
-
-// The other process; its exit status is what the work answers.
-class ForkedPeer {
- public:
-  explicit ForkedPeer(const std::function<int()>& work) : m_pid(::fork()) {
-    if (m_pid == 0) ::_exit(work());
-  }
-  ~ForkedPeer() {
-    if (m_pid > 0) (void)Kill();
-  }
-  ForkedPeer(const ForkedPeer&) = delete;
-  ForkedPeer& operator=(const ForkedPeer&) = delete;
-
-  int Wait() {
-    int status = -1;
-    ::waitpid(std::exchange(m_pid, -1), &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-  }
-  int Kill() {
-    ::kill(m_pid, SIGKILL);
-    return Wait();
-  }
-
- private:
-  pid_t m_pid;
-};
 
 // Answers a ping with 5, a setup with the number of its arguments, an exit with 7; the end of a run with the process.
 class Answers : public DXCmdDispatcherVisitor {
@@ -155,7 +127,8 @@ TEST_F(CommandTest, EndsWithACodeWhenTheOtherProcessDies) {
       EXPECT_EQ(99103, client.sendCmd(DXCmdDispatcher::kExitRunDX)) << "it ends without a reply";
       EXPECT_EQ(9, peer.Wait());
     } else {
-      EXPECT_EQ(-SIGKILL, peer.Kill());
+      peer.Kill();
+      EXPECT_EQ(-SIGKILL, peer.Wait());
     }
     EXPECT_EQ(99104, client.sendCmd(DXCmdDispatcher::kPingDX));
     std::filesystem::remove(Name() + "_s");  // which a killed process leaves
@@ -191,7 +164,6 @@ TEST_F(CommandTest, IsAnsweredByAFunctionJustAsWell) {
     // An error code in the request is what receiving it answers, so that the function is not asked.
     EXPECT_EQ(code == 0 ? "text!" : "", reply.GetSingleString());
   }
-  peer.Kill();
 }
 
 TEST(CommandDeathTest, SidesAreNotMixedUp) {

@@ -2,27 +2,22 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
-#ifdef __GLIBC__
-#include <malloc.h>
-#endif
 
 #include <algorithm>
 #include <chrono>
 #include <ctime>
-#include <functional>
 #include <future>
 #include <list>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "asycspipe1.h"
 #include "childprocess.h"
 #include "clexdsmb.h"
 #include "dxtracer.h"
+#include "forkedpeer.h"
 #include "framing.h"
 #include "javapluginsocket.h"
 #include "loopback.h"
@@ -38,36 +33,6 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-// The other process, which never outlives the test, nor a minute.
-class Peer {
- public:
-  explicit Peer(const std::function<void()>& work) : m_pid(::fork()) {
-    if (m_pid != 0) return;
-    ::alarm(60);
-    work();
-    ::_exit(0);
-  }
-  ~Peer() {
-    if (m_pid <= 0) return;
-    Kill();
-    (void)Wait();
-  }
-  Peer(const Peer&) = delete;
-  Peer& operator=(const Peer&) = delete;
-
-  void Kill() const { ::kill(m_pid, SIGKILL); }
-
-  // Answers its wait status.
-  int Wait() {
-    int status = 0;
-    ::waitpid(std::exchange(m_pid, -1), &status, 0);
-    return status;
-  }
-
- private:
-  pid_t m_pid;
-};
 
 // Reads or writes all the bytes; kills the process once it has moved as many as its life is long.
 template <typename Call>
@@ -94,11 +59,11 @@ void transfer(Call call, int descriptor, char* bytes, std::size_t length, std::s
 }
 
 // The ways to a peer. Serve is the peer's part and ends after so many bytes, in the middle of whatever it does then.
-class PipesToScript {
+class Pipes {
  public:
   static constexpr int kFailed = 99104;
 
-  PipesToScript() { EXPECT_EQ(0, ::mkfifo((Name() + "_s").c_str(), 0600)); }
+  Pipes() { EXPECT_EQ(0, ::mkfifo((Name() + "_s").c_str(), 0600)); }
 
   void Serve(std::size_t life) const {
     const int in = ::open((Name() + "_s").c_str(), O_RDONLY);
@@ -108,22 +73,11 @@ class PipesToScript {
   int Exchange(CleXDSmb& request, CleXDSmb& reply) { return m_client.send(request, reply); }
   void LeavePeer() { m_client.closePipe(); }
 
- protected:
+ private:
   std::string Name() const { return m_dir.Path("pair").string(); }
 
- private:
   TempDir m_dir;
   AsyCsPipe1 m_client{Name(), false};
-};
-
-class PipesToServer : public PipesToScript {
- public:
-  void Serve(std::size_t /*its life ends by the clock*/) const {
-    AsyCsPipe1(Name(), true).receive([](CleXDSmb& request, CleXDSmb& reply) {
-      reply.SetString(request.GetSingleString());
-      return 0;
-    });
-  }
 };
 
 class Socket {
@@ -147,23 +101,13 @@ class Socket {
   JavaPlugInSocket m_socket;
 };
 
-// 0 where nobody counts. Sanitizers keep what is released, and look for leaks themselves.
-std::size_t bytesInUse() {
-#if defined(__GLIBC__) && !defined(VEXADX_SANITIZED)
-  const struct mallinfo2 info = ::mallinfo2();
-  return info.uordblks + info.hblkhd;
-#else
-  return 0;
-#endif
-}
-
 template <typename Connection>
 class PeerDeathTest : public ::testing::Test {
  protected:
   Connection m_connection;
 };
 
-using Connections = ::testing::Types<PipesToScript, PipesToServer, Socket>;
+using Connections = ::testing::Types<Pipes, Socket>;
 TYPED_TEST_SUITE(PeerDeathTest, Connections);
 
 }  // namespace
@@ -177,7 +121,10 @@ TYPED_TEST(PeerDeathTest, IsACodeAtAnyMoment) {
   for (int round = 0; round < 100; ++round) {
     SCOPED_TRACE(random.Seed() + ", round " + std::to_string(round));
     const std::size_t furtherLife = round % 10 == 0 ? 0 : upTo(800'000);  // 0: it ends between two exchanges
-    Peer peer([&] { this->m_connection.Serve(2 * wireformat::kEmptyMessageLen + furtherLife); });
+    ForkedPeer peer([&] {
+      this->m_connection.Serve(2 * wireformat::kEmptyMessageLen + furtherLife);
+      return 0;
+    });
     this->m_connection.AwaitPeer();
     int code = 0;
     {
@@ -204,81 +151,10 @@ TYPED_TEST(PeerDeathTest, IsACodeAtAnyMoment) {
     EXPECT_EQ(signals, SignalState());
     this->m_connection.LeavePeer();
     killing.get();
-    EXPECT_EQ(SIGKILL, WTERMSIG(peer.Wait()));
+    EXPECT_EQ(-SIGKILL, peer.Wait());
     if (round == 0) descriptors = OpenDescriptors();
   }
   EXPECT_EQ(descriptors, OpenDescriptors());
-}
-
-namespace {
-
-void writeAndClose(int descriptor, const std::string& bytes) {
-  EXPECT_EQ(static_cast<ssize_t>(bytes.size()), ::write(descriptor, bytes.data(), bytes.size()));
-  ::close(descriptor);
-}
-
-std::string with(int value, std::size_t at, std::string message) {
-  vexadx::Store(message.data() + at, value);
-  return message;
-}
-
-// Each message so often that what is kept of one shows.
-void expectNothingKept(const std::function<int(const std::string&)>& receive, int malformed) {
-  CleXDSmb sent;
-  sent.SetErrorCode(5);
-  sent.SetLong(7);
-  sent.SetString(std::string(60'000, 's'));
-  int length = 0;
-  sent.ContructSendData();
-  const char* const bytes = sent.GetSendBuf(length);
-  const std::string good(bytes, static_cast<std::size_t>(length));
-  std::vector<std::pair<std::string, int>> cases = {{good, 5},
-                                                    {good + "x", malformed},
-                                                    {good.substr(0, good.size() / 2), 99103},
-                                                    {with(-1, wireformat::kHeaderLen, good), malformed},
-                                                    {with(2147483647, 0, good), 99103}};
-  for (const int announced : {-1, 0, 3, 51}) cases.emplace_back(with(announced, 0, good.substr(0, 100)), malformed);
-  for (const auto& [message, code] : cases) {
-    SCOPED_TRACE(std::to_string(message.size()) + " bytes, " + std::to_string(code));
-    for (int i = 0; i < 10; ++i) EXPECT_EQ(code, receive(message));  // some memory is kept, but not for each
-    const int descriptors = OpenDescriptors();
-    const std::size_t memory = bytesInUse();
-    for (int i = 0; i < 200; ++i) EXPECT_EQ(code, receive(message));
-    EXPECT_LE(bytesInUse(), memory + 2000);
-    EXPECT_EQ(descriptors, OpenDescriptors());
-  }
-}
-
-}  // namespace
-
-TEST(Receiving, KeepsNothingOfWhatCameThroughAPipe) {
-  const TempDir dir;
-  VexaPipe pipe(dir.Path("pipe").string());
-  ASSERT_EQ(0, pipe.CreatePipe());
-  const auto receive = [&pipe](const std::string& bytes) {
-    auto writing = std::async(std::launch::async,
-                              [&] { writeAndClose(::open(pipe.GetPipeName().c_str(), O_WRONLY | O_CLOEXEC), bytes); });
-    CleXDSmb block;
-    const int code = ReceiveData(&pipe, block, true);
-    writing.get();
-    pipe.ClosePipe();
-    return code;
-  };
-  expectNothingKept(receive, 99104);
-}
-
-TEST(Receiving, KeepsNothingOfWhatCameThroughTheSocket) {
-  JavaPlugInSocket socket;
-  ASSERT_EQ(0, socket.CreateSocket());
-  const auto receive = [&socket](const std::string& bytes) {
-    auto writing = std::async(std::launch::async, [&] { writeAndClose(ConnectedTo(socket.GetSocketPort()), bytes); });
-    EXPECT_EQ(0, socket.AcceptSocket());
-    CleXDSmb block;
-    const int code = ReceiveData(&socket, block);
-    writing.get();
-    return code;
-  };
-  expectNothingKept(receive, 99122);
 }
 
 TEST(Descriptors, AreInheritedByNoProgram) {
@@ -296,7 +172,7 @@ TEST(Descriptors, AreInheritedByNoProgram) {
   XPipeSuit* const suit = manager.getPipeSuit("R");
   const std::string prefix = suit->getPipeNamePrefix();
   for (const char* name : {"_s", "C2P"}) ASSERT_EQ(0, ::mkfifo((prefix + name).c_str(), 0600));
-  const Peer peer([&prefix] { DXCmdDispatcher(prefix, true).receiveCmd(nullptr); });
+  const ForkedPeer peer([&prefix] { return DXCmdDispatcher(prefix, true).receiveCmd(nullptr); });
   ASSERT_EQ(0, suit->getCmdDispatcher(false)->sendCmd(DXCmdDispatcher::kPingDX));
 
   suit->increaseIndex();
@@ -308,6 +184,7 @@ TEST(Descriptors, AreInheritedByNoProgram) {
     ASSERT_EQ(0, otherEnds.emplace_back(pipe->GetPipeName()).OpenPipeToUnBlockRead());
     ASSERT_EQ(0, pipe->OpenPipeToWrite());
   }
+  ASSERT_EQ(0, set->GetSyntaxPipe()->VEXACreateFile());
   suit->startMonitor(true, nullptr);
   ASSERT_EQ(0, otherEnds.emplace_back(prefix + "P2C").OpenPipeToWrite());
   suit->startMonitor(false, nullptr);
