@@ -9,34 +9,18 @@
 #include <string>
 #include <vector>
 
-#include "childprocess.h"
 #include "gate.h"
 #include "temphome.h"
+#include "vexadx.h"
 #include "vexadx_plugin.h"
 
 namespace {
 
 using Json = nlohmann::json;
-using Strings = std::vector<std::string>;
 
 Strings operator+(Strings first, const Strings& second) {
   first.insert(first.end(), second.begin(), second.end());
   return first;
-}
-
-Strings CommandOf(const Strings& arguments) { return Strings{VEXADX_STAGED_HOME "/bin/vexadx"} + arguments; }
-
-struct Outcome {
-  int status;
-  std::string out;
-  std::string err;
-};
-
-Outcome RunVexadx(const Strings& arguments, const std::string& input = "") {
-  ChildProcess child(CommandOf(arguments));
-  if (!input.empty()) child.Write(input);
-  const int status = child.Wait();
-  return {status, child.Out(), child.Err()};
 }
 
 // The objects of one type among the JSON lines, in order. Every line has to be one.
@@ -53,10 +37,6 @@ std::string OutputOf(const std::string& out) {
   std::string text;
   for (const Json& object : ObjectsOf(out, "output")) text += object.at("text").get<std::string>();
   return text;
-}
-
-void ExpectWords(const std::string& text, const Strings& words) {
-  for (const std::string& word : words) EXPECT_NE(std::string::npos, text.find(word)) << word << " in\n" << text;
 }
 
 // What is wrong and what to do about it is said in so many words, each line marked; nothing goes to standard output.
