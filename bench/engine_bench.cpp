@@ -1,69 +1,55 @@
 // What the library adds to a block of syntax, each figure beside the limit it is held against, taken in turn within one
-// run: a block through the engine beside CPython called directly, a traced operation beside the bare write of its line,
-// DxTrace without a tracer beside a call that tests a pointer.
+// run: a block through the engine beside its language called directly, a traced operation beside the bare write of its
+// line, DxTrace without a tracer beside a call that tests a pointer.
 
-#include <Python.h>
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "dxglobals.h"
 #include "dxtracer.h"
 #include "inpstatisticsx.h"
+#include "languages.h"
 #include "pointertest.h"
 #include "ratio.h"
+#include "xcmdargument.h"
 
 namespace {
 
-// REQUIRES: the interpreter lock is held.
-void evaluateDirectly(const char* text, PyObject* globals) {
-  PyObject* code = Py_CompileString(text, "<block>", Py_file_input);
-  PyObject* result = PyEval_EvalCode(code, globals, globals);
-  stopUnless(result != nullptr, "CPython did not run the block");
-  Py_DECREF(result);
-  Py_DECREF(code);
-}
-
-void evaluateTakingTheLock(const char* text, PyObject* globals) {
-  const PyGILState_STATE lock = PyGILState_Ensure();
-  evaluateDirectly(text, globals);
-  PyGILState_Release(lock);
-}
-
-// Beside two ways of calling CPython directly: `lock_held` throughout, by a program that has it to itself, and
-// `lock_taken` for each block, by one with other threads.
+// Beside each way of calling the language directly. The engine has started the language for both.
 void BlockThroughTheEngine(benchmark::State& state) {
+  const Language& language = languageOf(state);
   SetVEXAHOME(VEXADX_STAGED_HOME);
-  XConfigOptions options("PYX");  // a name that has no Java preferences
-  options.PutOption(XConfigOptions::KEY_LIB_NAME, "vexapython");
+  XConfigOptions options("BENCH");  // a name that has no Java preferences
+  options.PutOption(XConfigOptions::KEY_LIB_NAME, language.library);
   InpStatisticsX engine(&options, true);
-  stopUnless(engine.init_embedded_x(0, nullptr) == 0, "the engine did not start");
+  XCmdArgument start(language.arguments);
+  stopUnless(engine.init_embedded_x(start.argc(), start.argv()) == 0, "the engine did not start");
 
-  char block[] = "1\n";
-  Pair lockHeld;
-  Pair lockTaken;
+  std::string block = language.block;
+  std::vector<Pair> pairs(language.directCalls.size());
   for ([[maybe_unused]] auto _ : state) {
-    const PyGILState_STATE lock = PyGILState_Ensure();
-    PyObject* globals = PyModule_GetDict(PyImport_AddModule("__main__"));
-    lockHeld.limit.push_back(nanosecondsPerCall([&] { evaluateDirectly(block, globals); }));
-    PyGILState_Release(lock);
-    lockTaken.limit.push_back(nanosecondsPerCall([&] { evaluateTakingTheLock(block, globals); }));
-    const double call =
-        nanosecondsPerCall([&] { stopUnless(engine.execute_x(block) == 0, "the engine did not run the block"); });
-    lockHeld.call.push_back(call);
-    lockTaken.call.push_back(call);
+    for (std::size_t i = 0; i < pairs.size(); ++i) {
+      const auto directly = [&] { language.directCalls[i].run(block.c_str(), kCallsARound); };
+      pairs[i].limit.push_back(nanosecondsPerCall(directly, 1) / kCallsARound);
+    }
+    const double call = nanosecondsPerCall(
+        [&] { stopUnless(engine.execute_x(block.data()) == 0, "the engine did not run the block"); });
+    for (Pair& pair : pairs) pair.call.push_back(call);
     state.SetIterationTime(call * 1e-9);
   }
-  state.counters["call_ns"] = lockHeld.Call();
-  state.counters["lock_held_ns"] = lockHeld.Limit();
-  state.counters["lock_taken_ns"] = lockTaken.Limit();
-  state.counters["over_lock_held_percent"] = (lockHeld.Ratio() - 1) * 100;    // under 5, the stricter
-  state.counters["over_lock_taken_percent"] = (lockTaken.Ratio() - 1) * 100;  // under 5
+  state.counters["call_ns"] = pairs.front().Call();
+  for (std::size_t i = 0; i < pairs.size(); ++i) {
+    const std::string name = language.directCalls[i].name;
+    state.counters[name + "_ns"] = pairs[i].Limit();
+    state.counters["over_" + name + "_percent"] = (pairs[i].Ratio() - 1) * 100;  // under 5
+  }
 }
-BENCHMARK(BlockThroughTheEngine)->UseManualTime()->Iterations(kRounds);
+BENCHMARK(BlockThroughTheEngine)->Apply(eachLanguage)->Iterations(kRounds);
 
 // An engine whose operations do nothing but trace.
 class IdleEngine : public StatisticsX {

@@ -1,15 +1,13 @@
 // What an engine in a process of its own costs, each figure beside the limit it is held against: a run beside four bare
-// exchanges, a large block beside CPython compiling it, the start beside its prescribed wait, and the memory of the
-// idle process beside an embedded CPython that does nothing.
+// exchanges, a large block beside the language compiling it, the start beside its prescribed wait, and the memory of
+// the idle process beside an embedded language that does nothing.
 
-#include <Python.h>
 #include <benchmark/benchmark.h>
 #include <signal.h>
 #include <sys/stat.h>
 
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -17,6 +15,7 @@
 
 #include "bareexchange.h"
 #include "dxglobals.h"
+#include "languages.h"
 #include "outpstatisticsx.h"
 #include "placement.h"
 #include "ratio.h"
@@ -27,20 +26,24 @@
 
 namespace {
 
-constexpr char kBarePython[] = "--bare-python";
 constexpr double kPrescribedStartNs = 500e6;
+constexpr int kNothing = -1;  // in place of a language's number
 
-// A home with an engine of the plug-in that does nothing, BENCH, and one of Python's, PYX, which has no preferences to
-// be asked for.
+// A home with an engine of the plug-in that does nothing and one of each language under a name that has no
+// preferences to be asked for.
 class Home {
  public:
   Home() {
     namespace fs = std::filesystem;
     fs::create_directory(m_directory.Path("bin"));
     fs::create_symlink(VEXADX_STAGED_HOME "/bin/startx", m_directory.Path("bin/startx"));
-    std::ofstream(m_directory.Path("bin/vexadxcfg.ini"))
-        << "[BENCH]\nLIB_NAME=benchplugin\nLIB_PATH=" BENCH_PLUGINS
-           "\n[PYX]\nLIB_NAME=vexapython\nLIB_PATH=" VEXADX_STAGED_HOME "/lib\n";
+    std::ofstream configuration(m_directory.Path("bin/vexadxcfg.ini"));
+    configuration << "[nothing]\nLIB_NAME=benchplugin\nLIB_PATH=" BENCH_PROGRAMS "\n";
+    for (const Language* language : kLanguages) {
+      configuration << "[" << language->name << "]\nLIB_NAME=" << language->library
+                    << "\nLIB_PATH=" VEXADX_STAGED_HOME "/lib\nARGS=" << language->arguments << "\n";
+    }
+    configuration.close();
     SetVEXAHOME(m_directory.Path("").c_str());
   }
   ~Home() { std::filesystem::remove_all(m_directory.Path("bin")); }
@@ -90,10 +93,13 @@ class Engine {
 };
 
 // Start, block, end: four times a message each way, of the sizes of a command and its reply.
-void Run(benchmark::State& state, const char* xName) {
+void Run(benchmark::State& state) {
+  const bool isOfLanguage = state.range(0) != kNothing;
+  const char* const xName = isOfLanguage ? languageOf(state).name : "nothing";
+  const char* const block = isOfLanguage ? languageOf(state).block : "";
   constexpr std::size_t kCommand = 60;
   constexpr std::size_t kReply = 52;
-  const auto processors = static_cast<int>(state.range(0));
+  const auto processors = static_cast<int>(state.range(1));
   const Home home;
   const Directory directory;
   const std::string there = directory.Path("there");
@@ -114,7 +120,7 @@ void Run(benchmark::State& state, const char* xName) {
     const int out = opened(there, O_WRONLY);
     BareEnd bare(out, opened(back, O_RDONLY), kCommand, kReply);
     const Pair pair = measure(
-        state, [&] { engine->Run("1"); },
+        state, [&] { engine->Run(block); },
         [&] {
           for (int i = 0; i < 4; ++i) bare.Exchange();
         });
@@ -122,50 +128,28 @@ void Run(benchmark::State& state, const char* xName) {
   }
   for (const std::string& fifo : {there, back}) ::unlink(fifo.c_str());
 }
-// At most 1.3; with Python at most 60 microseconds on one processor where the bare four take 25.
-BENCHMARK_CAPTURE(Run, nothing, "BENCH")
-    ->ArgName("processors")
-    ->DenseRange(kFewestProcessors, 2)
+// At most 1.3; with a language at most 60 microseconds on one processor where the bare four take 25.
+BENCHMARK(Run)
+    ->ArgNames({"language", "processors"})
+    ->ArgsProduct({benchmark::CreateDenseRange(kNothing, kLastLanguage, 1),
+                   benchmark::CreateDenseRange(kFewestProcessors, 2, 1)})
     ->UseManualTime()
     ->Iterations(40);
-BENCHMARK_CAPTURE(Run, python, "PYX")
-    ->ArgName("processors")
-    ->DenseRange(kFewestProcessors, 2)
-    ->UseManualTime()
-    ->Iterations(40);
-
-// A million bytes of text, beside CPython compiling them in this process. At most 1.5.
-void LargeBlock(benchmark::State& state) {
-  std::string text;
-  for (int line = 0; text.size() < 1'000'000; ++line) text += "v" + std::to_string(line % 1000) + " = 1.5\n";
-  const Home home;
-  Engine engine("PYX");
-  Py_InitializeEx(0);
-  const Pair pair = measure(
-      state, [&] { engine.Run(text); },
-      [&] {
-        PyObject* const code = Py_CompileString(text.c_str(), "<block>", Py_file_input);
-        stopUnless(code != nullptr, "CPython did not compile the block");
-        Py_DECREF(code);
-      },
-      1);
-  state.counters["ratio"] = pair.Ratio();
-}
-BENCHMARK(LargeBlock)->UseManualTime()->Iterations(15);
 
 // From the start of the engine to the first result, beyond the wait that every start has. At most 60 ms.
 void StartToFirstResult(benchmark::State& state) {
+  const Language& language = languageOf(state);
   const Home home;
   for ([[maybe_unused]] auto _ : state) {
     const auto begin = std::chrono::steady_clock::now();
-    Engine engine("PYX");
-    engine.Run("1");
+    Engine engine(language.name);
+    engine.Run(language.block);
     const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
     state.SetIterationTime(taken.count());
     state.counters["beyond_ms"] = (taken.count() * 1e9 - kPrescribedStartNs) / 1e6;
   }
 }
-BENCHMARK(StartToFirstResult)->UseManualTime()->Iterations(1)->Repetitions(5);
+BENCHMARK(StartToFirstResult)->Apply(eachLanguage)->Iterations(1)->Repetitions(5);
 
 double residentMiB(int process) {
   std::ifstream status("/proc/" + std::to_string(process) + "/status");
@@ -178,19 +162,21 @@ double residentMiB(int process) {
 
 // At most 3 MiB more.
 void IdleMemory(benchmark::State& state) {
+  const Language& language = languageOf(state);
   const Home home;
+  const std::string program = std::string(BENCH_PROGRAMS "/idle_") + language.name;
   int ready[2];
   stopUnless(::pipe(ready) == 0, "no pipe");
   const pid_t bare = ::fork();
   if (bare == 0) {
     ::dup2(ready[1], STDOUT_FILENO);
-    ::execl("/proc/self/exe", "process_bench", kBarePython, nullptr);
+    ::execl(program.c_str(), program.c_str(), nullptr);
     ::_exit(1);
   }
   char byte;
-  stopUnless(::read(ready[0], &byte, 1) == 1, "no bare CPython");
+  stopUnless(::read(ready[0], &byte, 1) == 1, "no bare language");
   for ([[maybe_unused]] auto _ : state) {
-    Engine engine("PYX");
+    Engine engine(language.name);
     state.SetIterationTime(1);
     state.counters["idle_mib"] = residentMiB(engine.Process());
     state.counters["bare_mib"] = residentMiB(bare);
@@ -200,16 +186,23 @@ void IdleMemory(benchmark::State& state) {
   ::waitpid(bare, nullptr, 0);
   for (const int end : ready) ::close(end);
 }
-BENCHMARK(IdleMemory)->UseManualTime()->Iterations(1);
+BENCHMARK(IdleMemory)->Apply(eachLanguage)->Iterations(1);
+
+// A million bytes of text, beside the language compiling them in this process. At most 1.5. The last one, as the
+// languages make this process large, which takes a fork longer.
+void LargeBlock(benchmark::State& state) {
+  const Language& language = languageOf(state);
+  std::string text;
+  for (int line = 0; text.size() < 1'000'000; ++line) text += "v" + std::to_string(line % 1000) + " = 1.5\n";
+  const Home home;
+  Engine engine(language.name);
+  language.start();
+  const Pair pair = measure(
+      state, [&] { engine.Run(text); }, [&] { language.compile(text.c_str()); }, 1);
+  state.counters["ratio"] = pair.Ratio();
+}
+BENCHMARK(LargeBlock)->Apply(eachLanguage)->Iterations(15);
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  if (argc == 2 && std::strcmp(argv[1], kBarePython) == 0) {
-    Py_InitializeEx(0);
-    stopUnless(::write(STDOUT_FILENO, "", 1) == 1, "nobody waits");
-    for (;;) ::pause();
-  }
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-}
+BENCHMARK_MAIN();

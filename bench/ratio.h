@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
-#include <cstdio>
-#include <cstdlib>
 #include <vector>
+
+#include "stopunless.h"
 
 // Figures beside the limit they are held against. Both are timed in turn, round by round, so that whatever slows the
 // machine down for a while slows both.
@@ -54,11 +54,4 @@ Pair measure(benchmark::State& state, Call call, Limit limit, int calls = kCalls
   state.counters["call_ns"] = pair.Call();
   state.counters["limit_ns"] = pair.Limit();
   return pair;
-}
-
-// A benchmark whose subject fails measures nothing.
-inline void stopUnless(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "%s\n", what);
-  std::exit(1);
 }

@@ -5,7 +5,6 @@
 #define R_NO_REMAP
 #define R_INTERFACE_PTRS 1
 #define CSTACK_DEFNS
-#define HAVE_UINTPTR_T
 #include <Rinternals.h>
 
 #include <R_ext/Parse.h>
