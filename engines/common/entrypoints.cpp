@@ -19,6 +19,7 @@ constexpr int kFailed = 1;
 std::atomic<bool> gStarted{false};
 std::mutex gStarting;  // held while the language is started or brought to rest. Outer to the language's own locks
 std::atomic<plugin::ErrorFunction> gErrors{nullptr};
+std::atomic<bool> gIsProcessOfLanguage{false};
 
 int start(std::span<char* const> arguments) {
   const std::lock_guard guard(gStarting);
@@ -42,6 +43,7 @@ bool has(const vexadx::HostCallback& host, const Member& member) {
 void meetHost(const vexadx::HostCallback* host) {
   if (!host || std::memcmp(host->tag, vexadx::kHostCallbackTag, sizeof host->tag) != 0) return;
   if (has(*host, host->noteError)) gErrors = host->noteError;
+  if (has(*host, host->isProcessOfLanguage)) gIsProcessOfLanguage = host->isProcessOfLanguage;
   if (!has(*host, host->setInterrupt) || !host->setInterrupt) return;
   plugin::ExpectInterrupts();
   host->setInterrupt(&plugin::InterruptBlocks);
@@ -50,6 +52,8 @@ void meetHost(const vexadx::HostCallback* host) {
 }  // namespace
 
 plugin::ErrorFunction plugin::HostErrors() { return gErrors; }
+
+bool plugin::IsProcessOfLanguage() { return gIsProcessOfLanguage; }
 
 extern "C" {
 

@@ -10,14 +10,11 @@ Runs in a module of the plug-in's own, which brings these functions:
 """
 
 import codecs
-import importlib.util
 import io
-import linecache
 import os
 import signal
 import sys
 import threading  # noqa: F401: takes the thread that imports it first for the main one
-import traceback
 
 
 class Output(io.RawIOBase):
@@ -57,6 +54,8 @@ def open_stream(descriptor, name):
 
 
 def source_lines(name):
+    import importlib.util  # these take memory that most engines never need
+
     text = source(name)
     if text is None:
         return None
@@ -80,6 +79,9 @@ def block_names(report):
 
 def formatted(kind, value, trace):
     """What the interpreter would show, and the source lines of blocks, which are in no file."""
+    import linecache
+    import traceback
+
     report = traceback.TracebackException(kind, value, trace, lookup_lines=False)
     names = block_names(report)
     for name in names:
@@ -94,8 +96,12 @@ def formatted(kind, value, trace):
 
 
 def show(kind, value, trace):
-    """The interpreter's own excepthook."""
-    sys.stderr.write(formatted(kind, value, trace))
+    """The interpreter's own excepthook, which can do without the modules."""
+    try:
+        text = formatted(kind, value, trace)
+    except (ImportError, OSError):
+        return sys.__excepthook__(kind, value, trace)
+    sys.stderr.write(text)
 
 
 def block_line(value, trace):

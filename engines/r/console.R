@@ -9,14 +9,26 @@ place <- "^<text>:([0-9]+):([0-9]+): "
 
 attempt <- function(text, n) tryCatch(parse(text = text, n = n, keep.source = FALSE), error = identity)
 
+line_in <- function(message) as.integer(sub(paste0(place, "(.|\n)*"), "\\1", message))
+
+# How many expressions end before the line of the syntax error; none when it is in the middle of one.
+count_before_line <- function(text) {
+  message <- conditionMessage(attempt(text, -1L))
+  if (!grepl(place, message)) return(0L)
+  lines <- strsplit(text, "\n", fixed = TRUE)[[1L]][seq_len(line_in(message) - 1L)]
+  before <- attempt(paste(lines, collapse = "\n"), -1L)
+  if (is.expression(before)) length(before) else 0L
+}
+
 # How many expressions come before the syntax error.
 count_whole <- function(text) {
-  whole <- 0L
-  broken <- 1L
-  while (is.expression(attempt(text, broken))) {
-    whole <- broken
-    broken <- 2L * broken
+  whole <- tryCatch(count_before_line(text), warning = function(bytes_that_are_no_text) 0L)
+  step <- 1L
+  while (is.expression(attempt(text, whole + step))) {
+    whole <- whole + step
+    step <- 2L * step
   }
+  broken <- whole + step
   while (broken - whole > 1L) {
     middle <- (whole + broken) %/% 2L
     if (is.expression(attempt(text, middle))) whole <- middle else broken <- middle
@@ -24,7 +36,11 @@ count_whole <- function(text) {
   whole
 }
 
-sources_of <- function(text, n) attr(parse(text = text, n = n, keep.source = TRUE), "srcref")
+sources_of <- function(text, n) {
+  kept <- options(keep.parse.data = FALSE)
+  on.exit(options(kept))
+  attr(parse(text = text, n = n, keep.source = TRUE), "srcref")
+}
 
 # What is behind an expression, from the line on that the console would have read for the next one.
 text_behind <- function(text, n) {
@@ -61,7 +77,7 @@ up_to_error <- function(text) {
   whole <- function(trouble) list(text = text, first = 1L, last = 1L, n = n + 1L)
   rest <- tryCatch(text_behind(text, n), error = whole, warning = whole)
   message <- conditionMessage(attempt(rest$text, rest$n))
-  line <- if (grepl(place, message)) as.integer(sub(paste0(place, "(.|\n)*"), "\\1", message)) else 1L
+  line <- if (grepl(place, message)) line_in(message) else 1L
   list(before, rephrased(message), min(rest$first + line - 1L, rest$last))
 }
 

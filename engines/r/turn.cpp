@@ -7,9 +7,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <string>
 #include <thread>
 
 #include "embeddedr.h"
+#include "host.h"
 
 namespace vexar {
 namespace {
@@ -19,8 +21,30 @@ constexpr auto kNoLimit = static_cast<std::uintptr_t>(-1);
 
 std::mutex gTurn;
 thread_local bool tHasTurn = false;
-std::string& gLocale =
-    *new std::string;  // R's own, empty before its start. Guarded by gTurn; blocks may run to the end
+
+// R's own, empty before its start, and the host's. Guarded by gTurn; never destroyed, as blocks may run to the end.
+std::string& gLocale = *new std::string;
+std::string& gHostLocale = *new std::string;
+
+void copyLocale(std::string& to) {
+  if (const char* const locale = std::setlocale(LC_ALL, nullptr); to != locale) to = locale;
+}
+
+void takeLocale() {
+  if (plugin::IsProcessOfLanguage()) return;
+  copyLocale(gHostLocale);
+  if (gLocale.empty()) {
+    (void)std::setlocale(LC_NUMERIC, "C");  // as R expects, which sets the others itself when it starts
+  } else if (gLocale != gHostLocale) {
+    (void)std::setlocale(LC_ALL, gLocale.c_str());
+  }
+}
+
+void giveLocaleBack() {
+  if (plugin::IsProcessOfLanguage()) return;
+  copyLocale(gLocale);
+  if (gLocale != gHostLocale) (void)std::setlocale(LC_ALL, gHostLocale.c_str());
+}
 
 struct Stack {
   std::uintptr_t top;
@@ -51,20 +75,15 @@ static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_alw
 
 }  // namespace
 
-Turn::Turn() : m_lock(gTurn), m_hostLocale(std::setlocale(LC_ALL, nullptr)) {
+Turn::Turn() : m_lock(gTurn) {
   ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_cancelState);
   tHasTurn = true;
   CheckThisStack();
-  if (gLocale.empty()) {
-    (void)std::setlocale(LC_NUMERIC, "C");  // as R expects, which sets the others itself when it starts
-  } else if (gLocale != m_hostLocale) {
-    (void)std::setlocale(LC_ALL, gLocale.c_str());
-  }
+  takeLocale();
 }
 
 Turn::~Turn() {
-  gLocale = std::setlocale(LC_ALL, nullptr);
-  if (gLocale != m_hostLocale) (void)std::setlocale(LC_ALL, m_hostLocale.c_str());
+  giveLocaleBack();
   tHasTurn = false;
   ::pthread_setcancelstate(m_cancelState, nullptr);
 }

@@ -1,13 +1,12 @@
 #pragma once
 
 #include <mutex>
-#include <string>
 
 namespace vexar {
 
 // R knows one thread at a time. Whoever has the turn may call R, in an R that checks this thread's stack and in R's own
-// locale: the one that R has set itself, as it is the process's, gives way to the host's at the end of the turn. The
-// thread cannot be cancelled meanwhile, which would leave R's frames behind.
+// locale, which is that of the whole process meanwhile: in a process of the host's it gives way to the host's at the
+// end of the turn. The thread cannot be cancelled meanwhile, which would leave R's frames behind.
 class Turn {
  public:
   Turn();
@@ -23,7 +22,6 @@ class Turn {
 
  private:
   const std::lock_guard<std::mutex> m_lock;
-  const std::string m_hostLocale;
   int m_cancelState = 0;
 };
 

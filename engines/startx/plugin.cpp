@@ -26,6 +26,7 @@ vexadx::HostCallback gHostCallback = [] {
   callback.size = sizeof callback;
   callback.setInterrupt = [](void (*interrupt)()) { gInterrupt = interrupt; };
   callback.noteError = &noteError;
+  callback.isProcessOfLanguage = true;
   return callback;
 }();
 

@@ -31,7 +31,7 @@ class StartX : public OutOfProcess {
  protected:
   StartX() {
     m_home.AddPlugin("ctest");
-    m_home.Configure("[CTEST]\nLIB_NAME=ctest\n[PYX]\nLIB_NAME=vexapython\n");
+    m_home.Configure("[CTEST]\nLIB_NAME=ctest\n[PYX]\nLIB_NAME=vexapython\n[RX]\nLIB_NAME=vexar\n");
   }
 };
 
@@ -135,30 +135,66 @@ TEST_F(StartX, StartsAnewForAnotherEngineOfTheX) {
 }
 
 TEST_F(StartX, DiesAlsoWhenItsFilesAreGoneAndAChildHasThePipes) {
-  OutpX& x = Add("PYX");
-  ASSERT_EQ(0, x.Start());
-  ASSERT_EQ(0, x.Begin());
-  const Clock::time_point begin = Clock::now();
-  EXPECT_EQ(99103, x.Execute("import glob, os, signal, time\n"
-                             "if os.fork() == 0:\n  time.sleep(3)\n  os._exit(0)\n"
-                             "for pipe in glob.glob(os.environ['VEXADXTEMP'] + '*'): os.remove(pipe)\n"
-                             "os.kill(os.getpid(), signal.SIGKILL)\n"));
-  EXPECT_LT(Clock::now() - begin, 1s);
-  (void)x.Stop();
-  ASSERT_EQ(0, x.Start());
-  EXPECT_EQ(0, x.Run("1"));
-  EXPECT_EQ(0, x.Stop());
+  const struct {
+    const char* xName;
+    const char* block;
+  } cases[] = {
+      {"PYX",
+       "import glob, os, signal, time\n"
+       "if os.fork() == 0:\n  time.sleep(3)\n  os._exit(0)\n"
+       "for pipe in glob.glob(os.environ['VEXADXTEMP'] + '*'): os.remove(pipe)\n"
+       "os.kill(os.getpid(), signal.SIGKILL)\n"},
+#ifdef VEXADX_WITH_R
+      {"RX",
+       "if (inherits(parallel:::mcfork(), 'masterProcess')) { Sys.sleep(3); parallel:::mcexit() }\n"
+       "unlink(Sys.glob(paste0(Sys.getenv('VEXADXTEMP'), '*')))\n"
+       "tools::pskill(Sys.getpid(), 9)"},
+#endif
+  };
+  for (const auto& [xName, block] : cases) {
+    OutpX& x = Add(xName);
+    ASSERT_EQ(0, x.Start());
+    ASSERT_EQ(0, x.Begin());
+    const Clock::time_point begin = Clock::now();
+    EXPECT_EQ(99103, x.Execute(block)) << xName;
+    EXPECT_LT(Clock::now() - begin, 1s);
+    (void)x.Stop();
+    ASSERT_EQ(0, x.Start());
+    EXPECT_EQ(0, x.Run("x = 1"));
+    EXPECT_EQ(0, x.Stop());
+  }
 }
+
+namespace {
+
+// X's that can be run for long: a block that makes them collect their garbage for the first time, up to which they take
+// memory, and one that does nothing and that blanks may follow.
+const struct {
+  const char* xName;
+  std::string warmUp;
+  std::string idle;
+} kLongRuns[] = {
+    {"CTEST", "0", "0"},
+#ifdef VEXADX_WITH_R
+    {"RX", "for (i in 1:1000000) list(i)", "x <- 0"},
+#endif
+};
+
+}  // namespace
 
 // At random moments of runs, more often in blocks that take a while to be moved.
 TEST_F(StartX, CanBeKilledAtAnyMoment) {
   SeededRandom random;
-  OutpX& x = Add("CTEST");
   constexpr int kRounds = 50;  // each start takes half a second
+  std::vector<OutpX*> xs;
+  for (const auto& run : kLongRuns) xs.push_back(&Add(run.xName));
   for (int round = 0; round < kRounds; ++round) {
-    SCOPED_TRACE(random.Seed() + ", round " + std::to_string(round));
+    const std::size_t which = static_cast<std::size_t>(round) % xs.size();
+    const std::string& block = kLongRuns[which].idle;
+    SCOPED_TRACE(random.Seed() + ", round " + std::to_string(round) + " of " + kLongRuns[which].xName);
+    OutpX& x = *xs[which];
     ASSERT_EQ(0, x.Start());
-    ASSERT_EQ(0, x.Run("0")) << "whatever became of the process before";
+    ASSERT_EQ(0, x.Run(block)) << "whatever became of the process before";
     auto killing =
         std::async(std::launch::async, [process = x.Process(), delay = std::chrono::microseconds(random.UpTo(20'000))] {
           std::this_thread::sleep_for(delay);
@@ -168,7 +204,7 @@ TEST_F(StartX, CanBeKilledAtAnyMoment) {
         });
     int code = 0;
     while (code == 0) {
-      code = x.Run("0" + std::string(static_cast<std::size_t>(random.UpTo(round % 2 == 0 ? 200'000 : 10)), ' '));
+      code = x.Run(block + std::string(static_cast<std::size_t>(random.UpTo(round % 4 < 2 ? 200'000 : 10)), ' '));
     }
     EXPECT_LT(Clock::now() - killing.get(), 1s);
     EXPECT_TRUE(code == 99103 || code == 99104) << code;
@@ -184,24 +220,28 @@ TEST_F(StartX, KeepsNothingOfItsRuns) {
 #else
   constexpr int kRuns = 100'000;
 #endif
-  OutpX& x = Add("CTEST");
-  ASSERT_EQ(0, x.Start());
-  const pid_t processes[] = {::getpid(), x.Process()};
-  std::vector<std::size_t> descriptors;
-  std::vector<long> bytes;
-  for (int run = 0; run < kRuns; ++run) {
-    ASSERT_EQ(0, x.Run("0")) << run;
-    if (run != 1'000) continue;
-    for (const pid_t process : processes) {
-      descriptors.push_back(descriptorsOf(process));
-      bytes.push_back(residentBytes(process));
+  for (const auto& [xName, warmUp, idle] : kLongRuns) {
+    SCOPED_TRACE(xName);
+    OutpX& x = Add(xName);
+    ASSERT_EQ(0, x.Start());
+    ASSERT_EQ(0, x.Run(warmUp));
+    const pid_t processes[] = {::getpid(), x.Process()};
+    std::vector<std::size_t> descriptors;
+    std::vector<long> bytes;
+    for (int run = 0; run < kRuns; ++run) {
+      ASSERT_EQ(0, x.Run(idle)) << run;
+      if (run != 1'000) continue;
+      for (const pid_t process : processes) {
+        descriptors.push_back(descriptorsOf(process));
+        bytes.push_back(residentBytes(process));
+      }
     }
+    for (const std::size_t side : {0, 1}) {
+      EXPECT_EQ(descriptors[side], descriptorsOf(processes[side])) << side;
+      EXPECT_LE(residentBytes(processes[side]), bytes[side] + 256L * 1024) << side;
+    }
+    EXPECT_EQ(0, x.Stop());
   }
-  for (const std::size_t side : {0, 1}) {
-    EXPECT_EQ(descriptors[side], descriptorsOf(processes[side])) << side;
-    EXPECT_LE(residentBytes(processes[side]), bytes[side] + 256L * 1024) << side;
-  }
-  EXPECT_EQ(0, x.Stop());
 }
 
 namespace {
@@ -246,6 +286,10 @@ TEST_F(StartX, EndsWithItsHost) {
   const auto looping = [](const std::string& loop) { return "print('looping', flush=True)\n" + loop; };
   const std::string swallowing =
       "import os\nwhile True:\n  try: os.read(os.pipe()[0], 1)\n  except BaseException: pass";
+#ifdef VEXADX_WITH_R
+  const std::string rChild = "system('sleep 60', wait = FALSE)";
+  const auto rLooping = [](const std::string& loop) { return "cat('looping\\n')\n" + loop; };
+#endif
   const struct {
     const char* xName;
     std::vector<std::string> blocks;
@@ -258,6 +302,12 @@ TEST_F(StartX, EndsWithItsHost) {
       {"PYX", {child, looping("while True: pass")}, "looping"},
       {"PYX", {child, looping("import time\ntime.sleep(60)")}, "looping"},
       {"PYX", {child, looping(swallowing)}, "looping"},
+#ifdef VEXADX_WITH_R
+      {"RX", {rChild}, "idle"},
+      {"RX", {rChild, rLooping("while (TRUE) {}")}, "looping"},
+      {"RX", {rChild, rLooping("Sys.sleep(60)")}, "looping"},
+      {"RX", {rChild, rLooping("repeat tryCatch(Sys.sleep(60), interrupt = identity)")}, "looping"},
+#endif
   };
   for (const auto& [xName, blocks, moment] : kCases) {
     SCOPED_TRACE(std::string(xName) + ' ' + moment + ' ' + (blocks.empty() ? "" : blocks.back()));

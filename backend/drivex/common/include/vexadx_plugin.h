@@ -50,6 +50,9 @@ struct HostCallback {
   // Called by the plug-in when a block has failed, on the block's thread before execute_x answers: what the language
   // said, in UTF-8, and the line of the block, 0 when there is none. The host copies the texts. May be null.
   void (*noteError)(const char* type, const char* message, const char* traceback, int line);
+
+  // Whether the process has been started for the language alone, which may then have it as it likes: its locale, say.
+  bool isProcessOfLanguage;
 };
 
 }  // namespace vexadx
