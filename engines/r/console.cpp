@@ -69,7 +69,7 @@ void WriteConsole(const char* text, int length, int isError) {
   }
   while (!bytes.empty()) {
     const int error = plugin::WriteOnce(isError ? STDERR_FILENO : STDOUT_FILENO, bytes);
-    if (error == EINTR && R_interrupts_pending) return;  // nobody may be reading
+    if (error == EINTR && PendingInterrupt()) return;  // nobody may be reading
     if (error != 0 && error != EINTR) return;
   }
 }

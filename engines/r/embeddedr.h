@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+
 // R's embedding interface. Its functions may leave by a jump: none is called where that would pass a destructor.
 
 #define R_NO_REMAP
@@ -20,3 +22,7 @@ extern int R_interrupts_pending;
 extern Rboolean R_interrupts_suspended;
 void Rf_callToplevelHandlers(SEXP expression, SEXP value, Rboolean succeeded, Rboolean visible);
 }
+
+// Not 0 when R is to interrupt what it does. Any thread, also from a signal handler.
+inline std::atomic_ref<int> PendingInterrupt() { return std::atomic_ref<int>(R_interrupts_pending); }
+static_assert(std::atomic_ref<int>::is_always_lock_free);

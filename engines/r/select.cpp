@@ -40,7 +40,7 @@ extern "C" VEXADX_API int R_SelectEx(int count, fd_set* read, fd_set* write, fd_
   const Rboolean suspended = R_interrupts_suspended;
   R_interrupts_suspended = FALSE;
   for (;;) {
-    if (R_interrupts_pending) (onInterrupt ? onInterrupt : &Rf_onintr)();
+    if (PendingInterrupt()) (onInterrupt ? onInterrupt : &Rf_onintr)();
     const auto passed = std::chrono::duration_cast<microseconds>(Clock::now() - begin);
     const microseconds left = std::max(time - passed, microseconds(0));
     Sets sets{copyOf(read), copyOf(write), copyOf(except)};

@@ -107,7 +107,7 @@ InterruptTarget::InterruptTarget() {
 InterruptTarget::~InterruptTarget() {
   gIsRunning = false;
   while (gCallsUnderWay > 0) std::this_thread::yield();
-  R_interrupts_pending = 0;
+  PendingInterrupt() = 0;
 }
 
 bool InterruptTarget::IsHit() const { return gIsHit; }
@@ -116,7 +116,7 @@ void InterruptBlock() {
   ++gCallsUnderWay;
   if (gIsRunning) {
     gIsHit = true;
-    R_interrupts_pending = 1;
+    PendingInterrupt() = 1;
   }
   --gCallsUnderWay;
 }

@@ -145,7 +145,7 @@ TEST_F(VexadxR, RunsARealAnalysis) {
 
 TEST_F(VexadxR, CtrlCInterruptsTheBlock) {
   for (const std::string& place : kPlaces) {
-    for (const std::string loop : {"while (TRUE) {}", "Sys.sleep(1000)"}) {
+    for (const std::string loop : {"while (TRUE) Sys.time()", "Sys.sleep(1000)"}) {
       ChildProcess child(CommandOf(Run(place, {"kept <- 1; cat('ready')\n" + loop, "kept"})));
       child.AwaitOutput("ready");
       child.Signal(SIGINT);
