@@ -105,6 +105,7 @@ TEST_F(R, DeepRecursionIsAnError) {
   };
   onSmallStack(kSmall, [&] { ASSERT_EQ(0, Start()); });
   recurse();
+  onSmallStack(kSmall / 8, recurse);
   onSmallStack(kSmall, recurse);
   EXPECT_EQ("[1] TRUE\n", Said("Cstack_info()[['size']] > 2^20"));
   recurse();
