@@ -168,6 +168,8 @@ TEST_F(R, RefusesABlockWithinABlock) {
   gOnOutput = [&] {
     std::string block = "1";
     code = another.execute_x(block.data());
+    InpStatisticsX beginner(&m_options, true);
+    EXPECT_EQ(1, beginner.init_embedded_x(0, nullptr));
     throw 1;
   };
   EXPECT_EQ("a", Said("cat('a')"));
