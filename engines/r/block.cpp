@@ -1,5 +1,8 @@
 #include "block.h"
 
+#include <string>
+#include <string_view>
+
 #include "console.h"
 #include "embeddedr.h"
 #include "host.h"
@@ -9,6 +12,17 @@
 
 namespace vexar {
 namespace {
+
+// The console takes a line's end from any system; the parser does not.
+std::string withPlainLineEnds(std::string_view text) {
+  std::string plain;
+  plain.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const bool isLineEnd = text[i] == '\r' && (i + 1 == text.size() || text[i + 1] == '\n');
+    if (!isLineEnd) plain += text[i];
+  }
+  return plain;
+}
 
 // A block while it runs. What R's jumps may leave behind has no destructor. The objects are protected by who runs it.
 struct Block {
@@ -112,7 +126,8 @@ int RunBlock(const char* text) {
   const Turn turn;
   if (!CanRun()) return plugin::kBlockFailed;
   const InterruptTarget target;
-  Block block{text};
+  const std::string plain = withPlainLineEnds(text);
+  Block block{plain.c_str()};
   {
     const QuietErrors quiet;  // a syntax error is told in its turn
     (void)R_ToplevelExec(&parse, &block);

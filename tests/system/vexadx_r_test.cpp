@@ -65,6 +65,7 @@ const Strings kGoodBlocks{
     "Sys.getlocale('LC_NUMERIC'); format(1.5); l10n_info()[['UTF-8']]",
     "invisible(addTaskCallback(function(...) { cat('task\\n'); FALSE })); 1; 2",
     "readline('name? ')",
+    "1\r\nf <- function() {\r\n 2 }\r\nf(); 'a\r\nb'\r",
     "interactive(); getOption('echo'); R.home('share')",
     "set.seed(1); rnorm(3); data.frame(a = 1:3, b = letters[1:3]); sort(c('B', 'a', 'C'))",
     "library(stats4); search()",
