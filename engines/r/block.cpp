@@ -1,5 +1,7 @@
 #include "block.h"
 
+#include <unistd.h>
+
 #include <string>
 #include <string_view>
 
@@ -126,7 +128,9 @@ int RunBlock(const char* text) {
   const Turn turn;
   if (!CanRun()) return plugin::kBlockFailed;
   const InterruptTarget target;
+  (void)TakeQuitStatus();  // a finalizer may have called q() after the last block
   const std::string plain = withPlainLineEnds(text);
+  const pid_t process = ::getpid();
   Block block{plain.c_str()};
   {
     const QuietErrors quiet;  // a syntax error is told in its turn
@@ -135,7 +139,10 @@ int RunBlock(const char* text) {
   PROTECT(block.expressions);
   const bool hasEnded = R_ToplevelExec(&run, &block) == TRUE;
   UNPROTECT(1);
-  if (const auto status = TakeQuitStatus()) return *status;
+  const auto status = TakeQuitStatus();
+  // A process that the block has forked ends with it: the host's work is the parent's.
+  if (::getpid() != process) ::_exit(status.value_or(hasEnded ? 0 : plugin::kBlockFailed));
+  if (status) return *status;
   if (hasEnded) return 0;
   tellHost(block, target.IsHit());
   return plugin::kBlockFailed;
