@@ -23,8 +23,9 @@ std::atomic<bool> gIsProcessOfLanguage{false};
 
 int start(std::span<char* const> arguments) {
   const std::lock_guard guard(gStarting);
-  gStarted = plugin::Start(arguments);
-  return gStarted ? 0 : kFailed;
+  if (!plugin::Start(arguments)) return kFailed;  // what was started before goes on
+  gStarted = true;
+  return 0;
 }
 
 int stop() {

@@ -1,5 +1,10 @@
 #include "block.h"
 
+#include <unistd.h>
+
+#include <string>
+#include <string_view>
+
 #include "console.h"
 #include "embeddedr.h"
 #include "host.h"
@@ -9,6 +14,17 @@
 
 namespace vexar {
 namespace {
+
+// The console takes a line's end from any system; the parser does not.
+std::string withPlainLineEnds(std::string_view text) {
+  std::string plain;
+  plain.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const bool isLineEnd = text[i] == '\r' && (i + 1 == text.size() || text[i + 1] == '\n');
+    if (!isLineEnd) plain += text[i];
+  }
+  return plain;
+}
 
 // A block while it runs. What R's jumps may leave behind has no destructor. The objects are protected by who runs it.
 struct Block {
@@ -112,7 +128,10 @@ int RunBlock(const char* text) {
   const Turn turn;
   if (!CanRun()) return plugin::kBlockFailed;
   const InterruptTarget target;
-  Block block{text};
+  (void)TakeQuitStatus();  // a finalizer may have called q() after the last block
+  const std::string plain = withPlainLineEnds(text);
+  const pid_t process = ::getpid();
+  Block block{plain.c_str()};
   {
     const QuietErrors quiet;  // a syntax error is told in its turn
     (void)R_ToplevelExec(&parse, &block);
@@ -120,7 +139,10 @@ int RunBlock(const char* text) {
   PROTECT(block.expressions);
   const bool hasEnded = R_ToplevelExec(&run, &block) == TRUE;
   UNPROTECT(1);
-  if (const auto status = TakeQuitStatus()) return *status;
+  const auto status = TakeQuitStatus();
+  // A process that the block has forked ends with it: the host's work is the parent's.
+  if (::getpid() != process) ::_exit(status.value_or(hasEnded ? 0 : plugin::kBlockFailed));
+  if (status) return *status;
   if (hasEnded) return 0;
   tellHost(block, target.IsHit());
   return plugin::kBlockFailed;

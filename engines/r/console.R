@@ -15,7 +15,8 @@ line_in <- function(message) as.integer(sub(paste0(place, "(.|\n)*"), "\\1", mes
 count_before_line <- function(text) {
   message <- conditionMessage(attempt(text, -1L))
   if (!grepl(place, message)) return(0L)
-  lines <- strsplit(text, "\n", fixed = TRUE)[[1L]][seq_len(line_in(message) - 1L)]
+  lines <- strsplit(text, "\n", fixed = TRUE)[[1L]]
+  lines <- lines[seq_len(min(length(lines), line_in(message) - 1L))]  # the end of the text is behind the last one
   before <- attempt(paste(lines, collapse = "\n"), -1L)
   if (is.expression(before)) length(before) else 0L
 }
@@ -36,7 +37,10 @@ count_whole <- function(text) {
   whole
 }
 
+# With places in characters: a tab would be up to 8 of them, and one of unmarked text as many as it has bytes.
 sources_of <- function(text, n) {
+  if (l10n_info()[["UTF-8"]]) Encoding(text) <- "UTF-8"
+  text <- gsub("\t", " ", text, fixed = TRUE)
   kept <- options(keep.parse.data = FALSE)
   on.exit(options(kept))
   attr(parse(text = text, n = n, keep.source = TRUE), "srcref")

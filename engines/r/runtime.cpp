@@ -143,10 +143,9 @@ bool startRuntime(std::span<char* const> arguments) {
   return refuse("it has given up");
 }
 
-void renewTemporaryDirectory() {
+void renewTemporaryDirectory(void* /*unused*/) {
   SEXP call = PROTECT(Rf_lang2(Rf_install("tempdir"), Rf_ScalarLogical(TRUE)));
-  int failed = 0;
-  (void)R_tryEval(call, R_BaseEnv, &failed);
+  (void)Rf_eval(call, R_BaseEnv);
   UNPROTECT(1);
 }
 
@@ -164,7 +163,7 @@ bool StartR(std::span<char* const> arguments) {
     case State::kNotStarted:
       return startRuntime(arguments);
     case State::kRunning:
-      renewTemporaryDirectory();
+      (void)R_ToplevelExec(&renewTemporaryDirectory, nullptr);
       return true;
     default:
       return refuse("it has given up in this process before");

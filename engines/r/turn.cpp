@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
 #include <clocale>
 #include <cstddef>
@@ -16,7 +17,10 @@
 namespace vexar {
 namespace {
 
-constexpr double kUsableStack = 0.95;  // of it all, as R leaves the rest to what does not check
+// What R leaves of a stack to what does not check, such as the printing of the error itself: a share of it, and on a
+// small stack no less than a few of R's buffers of 8 KiB.
+constexpr std::size_t kUncheckedShare = 20;
+constexpr std::size_t kUncheckedLeast = 128 * 1024;
 constexpr auto kNoLimit = static_cast<std::uintptr_t>(-1);
 
 std::mutex gTurn;
@@ -66,6 +70,10 @@ Stack stackOfThread() {
 #endif
 }
 
+std::uintptr_t usable(std::size_t size) {
+  return size - std::max(size / kUncheckedShare, std::min(kUncheckedLeast, size / 2));
+}
+
 // Shared with InterruptBlock, which may be a signal handler. A target says first that it is none any more and then
 // waits until no call is under way.
 std::atomic<int> gCallsUnderWay{0};
@@ -96,7 +104,7 @@ void Turn::CheckThisStack() {
   // A host may run its code on stacks of its own making.
   const bool isOnIt = here < stack.top && stack.top - here <= stack.size;
   R_CStackStart = stack.top;
-  R_CStackLimit = isOnIt ? static_cast<std::uintptr_t>(kUsableStack * static_cast<double>(stack.size)) : kNoLimit;
+  R_CStackLimit = isOnIt ? usable(stack.size) : kNoLimit;
 }
 
 InterruptTarget::InterruptTarget() {

@@ -106,6 +106,7 @@ TEST_F(R, DeepRecursionIsAnError) {
   };
   onSmallStack(kSmall, [&] { ASSERT_EQ(0, Start()); });
   recurse();
+  onSmallStack(kSmall / 8, recurse);
   onSmallStack(kSmall, recurse);
   EXPECT_EQ("[1] TRUE\n", Said("Cstack_info()[['size']] > 2^20"));
   recurse();
@@ -168,6 +169,8 @@ TEST_F(R, RefusesABlockWithinABlock) {
   gOnOutput = [&] {
     std::string block = "1";
     code = another.execute_x(block.data());
+    InpStatisticsX beginner(&m_options, true);
+    EXPECT_EQ(1, beginner.init_embedded_x(0, nullptr));
     throw 1;
   };
   EXPECT_EQ("a", Said("cat('a')"));
