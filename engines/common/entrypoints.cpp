@@ -22,6 +22,7 @@ std::atomic<plugin::ErrorFunction> gErrors{nullptr};
 std::atomic<bool> gIsProcessOfLanguage{false};
 
 int start(std::span<char* const> arguments) {
+  if (plugin::IsInBlockHere()) return kFailed;  // another thread may hold the lock and wait for the block
   const std::lock_guard guard(gStarting);
   if (!plugin::Start(arguments)) return kFailed;  // what was started before goes on
   gStarted = true;
@@ -29,6 +30,7 @@ int start(std::span<char* const> arguments) {
 }
 
 int stop() {
+  if (plugin::IsInBlockHere()) return kFailed;
   const std::lock_guard guard(gStarting);
   if (gStarted.exchange(false)) plugin::Rest();
   return 0;

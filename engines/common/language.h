@@ -17,6 +17,9 @@ bool Start(std::span<char* const> arguments);
 // start goes on with its variables. REQUIRES: Start has succeeded. Not at the same time as Start.
 void Rest();
 
+// Whether this thread is within a block, from which the language can be neither started nor brought to rest.
+bool IsInBlockHere();
+
 // Runs one block. 0, kBlockFailed for an error, or the status with which the block left. REQUIRES: Start has
 // succeeded.
 int RunBlock(const char* text);

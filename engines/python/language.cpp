@@ -8,6 +8,8 @@ bool plugin::Start(std::span<char* const> arguments) { return vexapython::StartI
 
 void plugin::Rest() { vexapython::RestInterpreter(); }
 
+bool plugin::IsInBlockHere() { return false; }  // the interpreter lock is free while the host is called
+
 int plugin::RunBlock(const char* text) { return vexapython::RunBlock(text); }
 
 void plugin::ExpectInterrupts() { vexapython::ExpectInterrupts(); }

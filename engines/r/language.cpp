@@ -8,6 +8,8 @@ bool plugin::Start(std::span<char* const> arguments) { return vexar::StartR(argu
 
 void plugin::Rest() { vexar::RestR(); }
 
+bool plugin::IsInBlockHere() { return vexar::Turn::IsHere(); }
+
 int plugin::RunBlock(const char* text) { return vexar::RunBlock(text); }
 
 void plugin::ExpectInterrupts() {}  // R is always ready for them

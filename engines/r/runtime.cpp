@@ -85,7 +85,7 @@ bool initialize(int argc, char** argv) {
 bool isHome(const std::string& home) {
   std::ifstream description(fs::path(home) / "library" / "base" / "DESCRIPTION");
   for (std::string line; std::getline(description, line);) {
-    if (line == "Version: " VEXAR_VERSION) return true;
+    if (line.starts_with("Version: " VEXAR_VERSION ".")) return true;
   }
   return false;
 }
@@ -157,7 +157,6 @@ void endSession(void* /*unused*/) {
 }  // namespace
 
 bool StartR(std::span<char* const> arguments) {
-  if (Turn::IsHere()) return false;
   const Turn turn;
   switch (gState) {
     case State::kNotStarted:
@@ -171,7 +170,6 @@ bool StartR(std::span<char* const> arguments) {
 }
 
 void RestR() {
-  if (Turn::IsHere()) return;
   const Turn turn;
   if (!CanRun()) return;
   (void)R_ToplevelExec(&endSession, nullptr);

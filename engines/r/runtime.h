@@ -9,11 +9,11 @@ namespace vexar {
 // be started; another start can only succeed when the home was wrong.
 //
 // The environment variable R_HOME names the installation. R never ends while the process lives: a later start goes on
-// with the same workspace.
+// with the same workspace. REQUIRES: this thread does not have the turn.
 bool StartR(std::span<char* const> arguments);
 
 // Closes the graphics devices, runs what is to run at the end, and removes the session's temporary directory.
-// REQUIRES: StartR has succeeded.
+// REQUIRES: StartR has succeeded, and this thread does not have the turn.
 void RestR();
 
 // False when R has given up, as it does without memory for itself. REQUIRES: this thread has the turn.

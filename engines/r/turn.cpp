@@ -20,7 +20,7 @@ namespace {
 // What R leaves of a stack to what does not check, such as the printing of the error itself: a share of it, and on a
 // small stack no less than a few of R's buffers of 8 KiB.
 constexpr std::size_t kUncheckedShare = 20;
-constexpr std::size_t kUncheckedLeast = 128 * 1024;
+constexpr std::size_t kUncheckedLeast = 128UL * 1024;
 constexpr auto kNoLimit = static_cast<std::uintptr_t>(-1);
 
 std::mutex gTurn;

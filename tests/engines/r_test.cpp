@@ -77,8 +77,9 @@ TEST_F(R, InterruptsEndTheBlock) {
   ASSERT_EQ(0, Start());
   ASSERT_EQ(0, Run("kept <- 1"));
   // The clock is a call at which the thread sanitizer delivers a signal.
-  for (const std::string block : {"cat('ready')\nwhile (TRUE) Sys.time()", "cat('ready')\nrepeat i <- tryCatch(Sys.time(), error = 2)",
-                                  "cat('ready')\nSys.sleep(1000)", "repeat cat('ready')"}) {
+  for (const std::string block :
+       {"cat('ready')\nwhile (TRUE) Sys.time()", "cat('ready')\nrepeat i <- tryCatch(Sys.time(), error = 2)",
+        "cat('ready')\nSys.sleep(1000)", "repeat cat('ready')"}) {
     for (const auto interrupt : {+call, +signal}) {
       EXPECT_EQ(1, RunAndInterrupt(block, interrupt)) << block;
       EXPECT_EQ(1, onAnotherThread([&] { return RunAndInterrupt(block, interrupt); })) << block;
@@ -171,6 +172,7 @@ TEST_F(R, RefusesABlockWithinABlock) {
     code = another.execute_x(block.data());
     InpStatisticsX beginner(&m_options, true);
     EXPECT_EQ(1, beginner.init_embedded_x(0, nullptr));
+    EXPECT_EQ(1, another.stop_embedded_x());
     throw 1;
   };
   EXPECT_EQ("a", Said("cat('a')"));

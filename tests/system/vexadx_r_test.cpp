@@ -50,11 +50,11 @@ const Strings kGoodBlocks{
     "",
     "f <- function(a) { # kept nowhere\n  a }\nf",
     "g <- function() { warning('w1'); warning('w2'); 5 }; g(); for (i in 1:60) warning(i)",
-    "try(log(-1:2)); try(stop('x')); tryCatch(stop('y'), error = function(e) cat('caught\\n'), finally = "
-    "cat('fin\\n'))",
+    "try(log(-1:2)); try(stop('x'))",
+    "tryCatch(stop('y'), error = function(e) cat('caught\\n'), finally = cat('fin\\n'))",
     "suppressWarnings(as.integer('a')); as.integer('a')",
     "options(warn = 1); g(); options(warn = 0)",
-    "setClass('P', representation(x = 'numeric'))\n"
+    "setClass('P', representation(x = 'numeric'))",
     "setMethod('show', 'P', function(object) cat('<P>\\n')); new('P', x = 1)",
     "h <- function() sys.call(); h(); sys.calls(); sys.nframe(); environment()",
     "on.exit(cat('bye\\n')); 3",
@@ -100,8 +100,7 @@ const Strings kBadBlocks{
     "1 -> 2",
     "a %foo% b",
     "print('\xE4')\n'b'",
-    "repeat { x <- 9; break }; x; stop(structure(class = c('mine', 'error', 'condition'), list(message = 'm', call = "
-    "NULL)))",
+    "repeat { x <- 9; break }; x; stop(errorCondition('m', class = 'mine'))",
 };
 
 }  // namespace

@@ -52,7 +52,7 @@ void ExpectProblem(int status, const Strings& words, const Strings& arguments) {
 // A run, which comes to the same as text and as JSON. In JSON the standard error of an engine's process is output.
 struct RunCase {
   Strings arguments;
-  int status;
+  long status;
   std::string out;
   Strings err;  // words; none: nothing at all
   std::string input = "";
@@ -439,7 +439,7 @@ TEST_F(VexadxPythonTest, SignalsEndTheBlockThenTheRunThenEverything) {
     const char* place;
     Strings arguments;
     std::vector<int> signals;  // each at the next "ready"
-    int status;
+    long status;
     std::string end;  // of the output, behind these
     Strings err;
     bool stopped = true;

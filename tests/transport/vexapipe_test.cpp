@@ -217,7 +217,8 @@ TEST_F(PipeTest, AStrangersFifoIsNoPipe) {
 TEST_F(PipeTest, GoesOnWhenSignalsInterruptIt) {
   VexaPipe reader(Path());
   ASSERT_EQ(0, reader.CreatePipe());
-  const std::string text(20'000'000, 't');
+  std::string text;
+  text.resize(20'000'000, 't');
   const Signals readersSignals;
   auto writing = std::async(std::launch::async, [&] {
     const Signals writersSignals;
