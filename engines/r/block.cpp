@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -129,9 +130,10 @@ int RunBlock(const char* text) {
   if (!CanRun()) return plugin::kBlockFailed;
   const InterruptTarget target;
   (void)TakeQuitStatus();  // a finalizer may have called q() after the last block
-  const std::string plain = withPlainLineEnds(text);
+  const bool hasReturns = std::strchr(text, '\r') != nullptr;
+  const std::string plain = hasReturns ? withPlainLineEnds(text) : std::string();
   const pid_t process = ::getpid();
-  Block block{plain.c_str()};
+  Block block{hasReturns ? plain.c_str() : text};
   {
     const QuietErrors quiet;  // a syntax error is told in its turn
     (void)R_ToplevelExec(&parse, &block);

@@ -123,9 +123,10 @@ bool startRuntime(std::span<char* const> arguments) {
   (void)::setenv(kHomeVariable, home.c_str(), 1);
   setDirectories(home);
 
-  // R looks at its arguments as long as it lives.
-  static std::vector<std::string>& words = *new std::vector<std::string>{"R", "--no-echo"};
+  // R looks at its arguments as long as it lives, and starts once.
+  static std::vector<std::string>& words = *new std::vector<std::string>;
   static std::vector<char*>& argv = *new std::vector<char*>;
+  words = {"R", "--no-echo"};
   for (const char* argument : arguments) {
     if (!argument) continue;
     if (std::string_view(argument) == "--version") return refuse("--version is no argument for an engine");
