@@ -66,8 +66,8 @@ const Strings kGoodBlocks{
     "invisible(addTaskCallback(function(...) { cat('task\\n'); FALSE })); 1; 2",
     "readline('name? ')",
     "1\r\nf <- function() {\r\n 2 }\r\nf(); 'a\r\nb'\r",
-    "p <- parallel:::mcfork(); if (inherits(p, 'masterProcess')) q('no')\n"
-    "invisible(parallel:::readChild(p)); cat('once\\n')",
+    "library(parallel); p <- parallel:::mcfork(); if (inherits(p, 'masterProcess')) q('no')",
+    "invisible(parallel:::readChild(p)); cat('once\\n'); detach('package:parallel')",
     "interactive(); getOption('echo'); R.home('share')",
     "set.seed(1); rnorm(3); data.frame(a = 1:3, b = letters[1:3]); sort(c('B', 'a', 'C'))",
     "library(stats4); search()",
