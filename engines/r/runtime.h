@@ -22,6 +22,8 @@ bool CanRun();
 // The status of a call of q() since the last time. It ends the block and not the process. REQUIRES: this thread has
 // the turn.
 std::optional<int> TakeQuitStatus();
+
+// Whether there is one. REQUIRES: this thread has the turn.
 bool HasQuit();
 
 }  // namespace vexar

@@ -35,6 +35,9 @@ int selectFor(microseconds time, int count, Sets& sets) {
 
 extern "C" VEXADX_API int R_SelectEx(int count, fd_set* read, fd_set* write, fd_set* except, timeval* timeout,
                                      void (*onInterrupt)()) {
+  if (timeout && timeout->tv_sec == 0 && timeout->tv_usec == 0) {
+    return ::select(count, read, write, except, timeout);  // no wait: R may have interrupts suspended
+  }
   const Clock::time_point begin = Clock::now();
   const microseconds time = timeout ? std::chrono::seconds(timeout->tv_sec) + microseconds(timeout->tv_usec) : kForEver;
   const Rboolean suspended = R_interrupts_suspended;

@@ -86,6 +86,8 @@ const BlockCase kBlocks[] = {
      {"Error in sys.excepthook:\n", "KeyError", "Original exception was:\n", "    1/0\n", "ZeroDivisionError"}},
     {"sys.excepthook = kept\nsys.stderr, kept = None, sys.stderr\n1/0", 1, {""}},
     {"sys.stderr = kept\nraise ValueError('shown again')", 1, {"ValueError: shown again\n"}},
+    {"sys.modules['traceback'] = None\n1/0", 1, {"Traceback", "ZeroDivisionError: division by zero\n"}},
+    {"del sys.modules['traceback']\n1/0", 1, {"    1/0\n", "ZeroDivisionError: division by zero\n"}},
 };
 
 }  // namespace
