@@ -1,8 +1,5 @@
-#include "outpstatisticsx.h"
-
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,7 +7,6 @@
 #include <atomic>
 #include <cctype>
 #include <chrono>
-#include <filesystem>
 #include <future>
 #include <ostream>
 #include <string>
@@ -20,61 +16,17 @@
 #include <vector>
 
 #include "clexdsmb.h"
+#include "faultyx.h"
 #include "framing.h"
-#include "outofprocess.h"
 #include "signals.h"
 #include "vexapipe.h"
-
-namespace fs = std::filesystem;
 
 namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-#ifdef VEXADX_SANITIZED
-constexpr auto kSlower = 1s;
-#else
-constexpr auto kSlower = 0s;
-#endif
-
 constexpr auto kDeathTold = 1s;
-
-// Engines whose X process misbehaves as its options say.
-class FaultyX : public OutOfProcess {
- protected:
-  FaultyX() { PutStartX(VEXADX_STARTX_FAULT); }
-
-  // What an X process has left behind ends with the test.
-  ~FaultyX() override {
-    for (const fs::directory_entry& entry : fs::directory_iterator(m_pipes.Path())) {
-      if (entry.path().extension() == ".group") ::kill(-std::stoi(ReadFile(entry.path())), SIGKILL);
-    }
-  }
-
-  void PutStartX(const fs::path& program) {
-    m_home.Remove("bin/startx");
-    fs::create_symlink(program, m_home.Path("bin/startx"));
-  }
-
-  OutpX& AddFaulty(const std::string& fault, const std::string& xName = "FAULTY") {
-    OutpX& x = Add(xName);
-    x.options.PutOption("STARTX_FAULT", fault);
-    return x;
-  }
-
-  // When the X process FAULTY died.
-  Clock::time_point Death() const {
-    return Clock::time_point(Clock::duration(std::stoll(ReadFile(m_pipes.Path("FAULTY.died")))));
-  }
-
-  static void ExpectHealthyAgain(OutpX& x) {
-    x.options.PutOption("STARTX_FAULT", "");
-    EXPECT_EQ(0, x.Start());
-    EXPECT_EQ(0, x.Run("healthy"));
-    EXPECT_EQ(0, x.Stop());
-  }
-};
 
 using Step = int (*)(OutpX& x, std::size_t blockBytes);
 
@@ -172,81 +124,6 @@ TEST_P(RunFaults, AreToldAndLeftBehind) {
   }
   (void)x.Stop();  // an engine that has no process any more may say so
   EXPECT_LT(Clock::now() - end, kDeathTold);
-  ExpectHealthyAgain(x);
-}
-
-TEST_F(FaultyX, ThatIsNeverReadyLeavesNoProcess) {
-  const struct {
-    const char* fault;
-    int code;
-    std::chrono::seconds within;
-  } kFaults[] = {
-      {"started exit=3", 99104, 11s},
-      {"started silent", 99104, 11s},
-      {"commands-made", 99104, 11s},
-      {"commands-made late=600", 99104, 11s},
-      {"commands-open late=100 fork", 99104, 11s},
-      {"ready-read", 99104, 11s},
-      {"ready-read late=100 fork", 99104, 11s},
-      {"unready=100", 5, 11s},
-      {"unready=49", 0, 6s},
-  };
-  // All at once, as each takes as long as the ready checks.
-  std::vector<OutpX*> xs;
-  std::vector<std::future<void>> starts;
-  for (const auto& row : kFaults) xs.push_back(&AddFaulty(row.fault, "FAULTY" + std::to_string(xs.size())));
-  for (OutpX* const x : xs) {
-    const auto& row = kFaults[starts.size()];
-    starts.push_back(std::async(std::launch::async, [x, &row] {
-      const Clock::time_point begin = Clock::now();
-      EXPECT_EQ(row.code, x->Start()) << row.fault;
-      EXPECT_LT(Clock::now() - begin, row.within + kSlower) << row.fault;
-      EXPECT_EQ(row.code != 0, x->Process() == -1) << row.fault;
-      EXPECT_EQ(row.code == 0 ? 0 : 99115, x->Run("")) << row.fault;
-      EXPECT_EQ(0, x->Stop()) << row.fault;
-      if (std::string_view(row.fault).ends_with("exit=3")) {
-        EXPECT_EQ(3 << 8, vexadx::ProcessOf(x->engine).status);
-      }
-      ExpectHealthyAgain(*x);
-    }));
-  }
-}
-
-TEST_F(FaultyX, WithoutAProgramIsToldWhenItsChildIsKeptAndWhenItIsDiscarded) {
-  m_home.Remove("bin/startx");
-  OutpX& x = AddFaulty("");
-  const Clock::time_point begin = Clock::now();
-  EXPECT_EQ(99104, x.Start());
-  EXPECT_LT(Clock::now() - begin, 11s);
-  EXPECT_FALSE(HasChildren());
-  EXPECT_EQ(255 << 8, vexadx::ProcessOf(x.engine).status);
-
-  ::signal(SIGCHLD, SIG_IGN);
-  const struct {
-    const char* program;
-    fs::perms permissions;
-  } kPrograms[] = {{nullptr, fs::perms::none},
-                   {"#!/bin/sh\nsleep 60\n", fs::perms::owner_read},
-                   {"no program", fs::perms::owner_all},
-                   {"#!/no/such/interpreter\n", fs::perms::owner_all}};
-  for (const auto& [program, permissions] : kPrograms) {
-    if (program) fs::permissions(m_home.Replace("bin/startx", program), permissions);
-    const Clock::time_point beginDiscarded = Clock::now();
-    EXPECT_EQ(99107, x.Start()) << (program ? program : "none");
-    EXPECT_LT(Clock::now() - beginDiscarded, 600ms);
-    EXPECT_FALSE(HasChildren());
-  }
-  ::signal(SIGCHLD, SIG_DFL);
-  PutStartX(VEXADX_STARTX_FAULT);
-  ExpectHealthyAgain(x);
-}
-
-TEST_F(FaultyX, StartsOverWhatACrashedHostLeft) {
-  OutpX& x = AddFaulty("");
-  const std::string prefix = m_manager->getPipeSuit("FAULTY")->getPipeNamePrefix();
-  for (const char* stale : {"_s", "_c", "0syntax", "0syntaxresult"}) {
-    ASSERT_TRUE(fs::exists(prefix + stale) || ::mkfifo((prefix + stale).c_str(), 0600) == 0);
-  }
   ExpectHealthyAgain(x);
 }
 

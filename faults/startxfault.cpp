@@ -1,7 +1,8 @@
 // An X process that misbehaves when it is asked to. It takes startx's command line and talks as startx does, for runs
-// of level 0: it answers a block with 0 and the block's own text. STARTX_FAULT says how it misbehaves, in words:
+// of level 0: it answers a block with 0 and the block's own text. STARTX_FAULT says how it misbehaves, by the name of
+// one of the faults that --list prints, or in words:
 //
-//   MOMENT     where, one of those that --list prints: there it dies, by SIGKILL unless a word says otherwise
+//   MOMENT     where, one of those that --moments prints: there it dies, by SIGKILL unless a word says otherwise
 //   late=N     so many milliseconds later, when the host waits for what comes next
 //   exit=N     it ends with this status
 //   silent     it lives on and says nothing more
@@ -30,6 +31,7 @@
 
 #include "asycspipe1.h"
 #include "clexdsmb.h"
+#include "faultlist.h"
 #include "framing.h"
 #include "vexapipe.h"
 #include "xpipemanager.h"
@@ -66,11 +68,41 @@ bool isKnown(const std::string& word) {
          std::ranges::any_of(kMoments, [&word](const auto& moment) { return word == moment.first; });
 }
 
+// The words of a fault that goes by a name.
+std::string wordsOf(const std::string& text) {
+  const auto* const fault = std::ranges::find(kFaults, text, &Fault::name);
+  return fault == std::end(kFaults) ? text : fault->words;
+}
+
+const char* nameOf(Fault::By by) {
+  switch (by) {
+    case Fault::By::kStartX:
+      return "startx-fault";
+    case Fault::By::kPlugin:
+      return "plug-in";
+    case Fault::By::kPreload:
+      return "preload";
+    case Fault::By::kHost:
+      break;
+  }
+  return "host";
+}
+
+void listFaults() {
+  for (const Fault& fault : kFaults) {
+    (void)std::printf("%-3d %-24s %-13s %s\n", fault.number, fault.name, nameOf(fault.by), fault.what);
+  }
+}
+
+void listMoments() {
+  for (const auto& [name, meaning] : kMoments) (void)std::printf("%-16s%s\n", name, meaning);
+}
+
 class Faults {
  public:
   // What it notes is in files whose names begin with this.
   Faults(const std::string& text, std::string files) : m_files(std::move(files)) {
-    std::istringstream words(text);
+    std::istringstream words(wordsOf(text));
     for (std::string word; words >> word;) {
       const std::size_t equals = word.find('=');
       if (!isKnown(word.substr(0, equals))) ::_exit(kUnknownWord);
@@ -198,10 +230,10 @@ class Server : private DXCmdDispatcherVisitor {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 2 && std::string(argv[1]) == "--list") {
-    for (const auto& [name, meaning] : kMoments) (void)std::printf("%-16s%s\n", name, meaning);
-    return 0;
-  }
+  const std::string option = argc == 2 ? argv[1] : "";
+  if (option == "--list") listFaults();
+  if (option == "--moments") listMoments();
+  if (!option.empty()) return 0;
   if (argc < 5) return 2;
   (void)::alarm(kLifetime);
   (void)::setpgid(0, 0);
