@@ -10,6 +10,7 @@
 #include <cfenv>
 #include <clocale>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <sstream>
 
@@ -30,6 +31,18 @@ int Threads() {
 bool HasChildren() {
   siginfo_t info;
   return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0 || errno != ECHILD;
+}
+
+long ResidentBytes(pid_t process) {
+#ifdef VEXADX_SANITIZED
+  (void)process;
+  return 0;
+#else
+  long pages = 0;
+  long resident = 0;
+  std::ifstream("/proc/" + std::to_string(process) + "/statm") >> pages >> resident;
+  return resident * ::sysconf(_SC_PAGESIZE);
+#endif
 }
 
 std::vector<bool> SignalState() {

@@ -12,6 +12,9 @@ int Threads();  // 0 where nobody counts
 // Whether the process has children, also such as have ended and were not reaped.
 bool HasChildren();
 
+// The memory of a process. 0 where nobody counts, and under a sanitizer, which keeps what is released.
+long ResidentBytes(pid_t process);
+
 // Whether the broken-pipe signal would end the process, and of each signal whether the thread blocks it and it waits.
 std::vector<bool> SignalState();
 
