@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <climits>
+#include <future>
 #include <string>
 #include <vector>
 
@@ -23,7 +24,8 @@ TEST_F(FaultyX, IsDrivenThroughSmallPipesByteByByte) {
   ASSERT_EQ(0, x.Begin());
   const std::string text = TextOf(1'000'000);
   const Clock::time_point begin = Clock::now();
-  EXPECT_TRUE(text == TextInReplyTo(text, "FAULTY"));
+  // A thread keeps the memory of a message of a middle size.
+  EXPECT_TRUE(std::async(std::launch::async, [&] { return text == TextInReplyTo(text, "FAULTY"); }).get());
   EXPECT_LT(Clock::now() - begin, 60s);
   EXPECT_EQ(0, x.End());
   EXPECT_EQ(0, x.Stop());
