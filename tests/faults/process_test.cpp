@@ -80,21 +80,29 @@ TEST_F(PythonX, IsWaitedForWhileItIsStopped) {
   EXPECT_EQ(0, isStoppedFor([&x] { return x.Stop(); }, [] {}));
 }
 
-TEST_F(PythonX, InABlockOfCIsEndedByWhatItCannotIgnore) {
-  const std::string deaf = "import ctypes\nlock = ctypes.create_string_buffer(64)\n" + m_ready->OpenInPython() +
-                           "for _ in range(2): ctypes.PyDLL(None).pthread_mutex_lock(lock)";
-  const std::string block =
-      "import signal\nsignal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGINT, signal.SIGTERM})\n";
+// From C code that knows of no interrupt, and from such that holds the interpreter's lock and blocks the signals.
+TEST_F(PythonX, ADeafBlockIsEndedByWhatItCannotIgnore) {
+  m_home.AddPlugin("ctest");
+  m_home.Configure("[CTEST]\nLIB_NAME=ctest\n[PYX]\nLIB_NAME=vexapython\n");
+  const std::string locked =
+      "import ctypes, signal\n"
+      "signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGINT, signal.SIGTERM})\n" +
+      m_ready->OpenInPython() +
+      "lock = ctypes.create_string_buffer(64)\n"
+      "for _ in range(2): ctypes.PyDLL(None).pthread_mutex_lock(lock)";
   const struct {
-    std::string block;
+    const char* xName;
+    std::string deaf;
+    std::string good;
     int ending;
-  } kRows[] = {{deaf, SIGTERM}, {block + deaf, SIGKILL}};
-  OutpX& x = Add("PYX");
+  } kRows[] = {{"CTEST", "wait", "0", SIGTERM}, {"PYX", locked, "x = 1", SIGKILL}};
   for (const auto& row : kRows) {
+    SCOPED_TRACE(row.xName);
+    OutpX& x = Add(row.xName);
     ASSERT_EQ(0, x.Start());
     ASSERT_EQ(0, x.Begin());
-    auto executed = async([&] { return x.Execute(row.block); });
-    m_ready->Await();
+    auto executed = async([&] { return x.Execute(row.deaf); });
+    if (row.ending == SIGKILL) m_ready->Await();
     const Clock::time_point begin = Clock::now();
     for (const int signal : {SIGINT, SIGTERM, SIGKILL}) {
       ::kill(x.Process(), signal);
@@ -105,7 +113,7 @@ TEST_F(PythonX, InABlockOfCIsEndedByWhatItCannotIgnore) {
     EXPECT_EQ(row.ending, vexadx::ProcessOf(x.engine).status);
     (void)x.Stop();
     ASSERT_EQ(0, x.Start());
-    EXPECT_EQ(0, x.Run("x = 1"));
+    EXPECT_EQ(0, x.Run(row.good));
     EXPECT_LT(Clock::now() - begin, 8s);
     EXPECT_EQ(0, x.Stop());
   }
