@@ -9,20 +9,26 @@
 //   fork       a child that it leaves behind keeps its pipes open
 //   slow=N     it makes its first pipe after so many milliseconds
 //   unready=N  so many ready checks are answered with 5 before one is answered with 0
+//   bytewise   the pipes of blocks hold one page, and it moves one byte at a time
+//   code=N     a block is answered with this code
+//   longer     the answer to a block is a byte longer than it announces
+//   twice      it comes twice, in one write
 //
-// Before it dies it writes the time into the file <X>.died in the directory of the pipes; before it leaves a child, its
-// process group's number into <X>.group. It lives for a minute at most.
+// The last three, as often as they are given, are for one block each, in turn. Before it dies or falls silent it writes
+// the time into the file <X>.died in the directory of the pipes; before it leaves a child, its process group's number
+// into <X>.group. It lives for a minute at most.
 
+#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <map>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -33,6 +39,7 @@
 #include "clexdsmb.h"
 #include "faultlist.h"
 #include "framing.h"
+#include "vexadx_bytes.h"
 #include "vexapipe.h"
 #include "xpipemanager.h"
 
@@ -42,7 +49,8 @@ constexpr unsigned kLifetime = 60;
 constexpr int kNotReady = 5;
 constexpr int kUnknownWord = 2;
 
-constexpr const char* kWays[] = {"late", "exit", "silent", "fork", "slow", "unready"};
+constexpr const char* kWays[] = {"late", "exit", "silent", "fork", "slow", "unready", "bytewise"};
+constexpr const char* kAnswers[] = {"code", "longer", "twice"};
 
 constexpr std::pair<const char*, const char*> kMoments[] = {
     {"started", "it has made nothing yet"},
@@ -64,7 +72,7 @@ constexpr std::pair<const char*, const char*> kMoments[] = {
 };
 
 bool isKnown(const std::string& word) {
-  return std::ranges::find(kWays, word) != std::end(kWays) ||
+  return std::ranges::find(kWays, word) != std::end(kWays) || std::ranges::find(kAnswers, word) != std::end(kAnswers) ||
          std::ranges::any_of(kMoments, [&word](const auto& moment) { return word == moment.first; });
 }
 
@@ -98,6 +106,11 @@ void listMoments() {
   for (const auto& [name, meaning] : kMoments) (void)std::printf("%-16s%s\n", name, meaning);
 }
 
+struct Word {
+  std::string name;
+  int number = 0;
+};
+
 class Faults {
  public:
   // What it notes is in files whose names begin with this.
@@ -105,14 +118,22 @@ class Faults {
     std::istringstream words(wordsOf(text));
     for (std::string word; words >> word;) {
       const std::size_t equals = word.find('=');
-      if (!isKnown(word.substr(0, equals))) ::_exit(kUnknownWord);
-      m_words[word.substr(0, equals)] = equals == std::string::npos ? 0 : std::atoi(word.c_str() + equals + 1);
+      const Word known{word.substr(0, equals), equals == std::string::npos ? 0 : std::atoi(word.c_str() + equals + 1)};
+      if (!isKnown(known.name)) ::_exit(kUnknownWord);
+      const bool isAnswer = std::ranges::find(kAnswers, known.name) != std::end(kAnswers);
+      (isAnswer ? m_answers : m_words).push_back(known);
     }
   }
 
-  bool Have(const std::string& word) const { return m_words.contains(word); }
+  bool Have(const std::string& word) const { return std::ranges::find(m_words, word, &Word::name) != m_words.end(); }
 
-  int Number(const std::string& word) const { return Have(word) ? m_words.at(word) : 0; }
+  int Number(const std::string& word) const {
+    const auto found = std::ranges::find(m_words, word, &Word::name);
+    return found == m_words.end() ? 0 : found->number;
+  }
+
+  // How the n-th block, from 0 on, is answered.
+  Word Answer(std::size_t n) const { return n < m_answers.size() ? m_answers[n] : Word{}; }
 
   void Sleep(const std::string& word) const { std::this_thread::sleep_for(std::chrono::milliseconds(Number(word))); }
 
@@ -123,8 +144,8 @@ class Faults {
       if (::fork() == 0) liveSilently();
     }
     Sleep("late");
-    if (Have("silent")) liveSilently();
     std::ofstream(m_files + ".died") << std::chrono::steady_clock::now().time_since_epoch().count();
+    if (Have("silent")) liveSilently();
     if (Have("exit")) ::_exit(Number("exit"));
     ::kill(::getpid(), SIGKILL);
   }
@@ -136,7 +157,8 @@ class Faults {
   }
 
   const std::string m_files;
-  std::map<std::string, int> m_words;
+  std::vector<Word> m_words;
+  std::vector<Word> m_answers;
 };
 
 class Server : private DXCmdDispatcherVisitor {
@@ -200,22 +222,62 @@ class Server : private DXCmdDispatcherVisitor {
     (void)m_blocks.OpenPipeToRead();
     m_faults.At("block-open");
     CleXDSmb block;
-    if (ReceiveData(&m_blocks, block) != 0) return false;
+    if (!receive(block)) return false;
     m_faults.At("block-read");
+    const Word answer = m_faults.Answer(m_answered++);
     CleXDSmb reply;
+    reply.SetErrorCode(answer.name == "code" ? answer.number : 0);
     reply.SetString(block.GetSingleString());
-    if (m_faults.Have("half-reply")) sendHalf(reply);
+    std::string message = messageOf(reply);
+    if (m_faults.Have("half-reply")) write(message.substr(0, message.size() / 2));
     m_faults.At("half-reply");
-    const bool isSent = SendData(&m_results, reply) == 0;
+    if (answer.name == "longer") message += '\0';
+    if (answer.name == "twice") message += messageOf(reply);
+    const bool isSent = write(message);
     m_faults.At("replied");
     return isSent;
   }
 
-  void sendHalf(CleXDSmb& reply) {
-    (void)reply.ContructSendData();
+  static std::string messageOf(CleXDSmb& block) {
+    (void)block.ContructSendData();
     int length = 0;
-    const char* const bytes = reply.GetSendBuf(length);
-    (void)m_results.WriteData(bytes, length / 2, nullptr);
+    const char* const bytes = block.GetSendBuf(length);
+    return {bytes, static_cast<std::size_t>(length)};
+  }
+
+  bool receive(CleXDSmb& block) {
+    if (!m_faults.Have("bytewise")) return ReceiveData(&m_blocks, block) == 0;
+    makeSmall(m_blocks);
+    std::string message;
+    std::size_t length = sizeof(std::int32_t);  // of the number at its beginning, and that is the whole's
+    while (message.size() < length) {
+      char byte = 0;
+      unsigned long count = 0;
+      if (m_blocks.ReadData(1, &byte, count) != 0 || count == 0) return false;
+      message += byte;
+      if (message.size() == sizeof(std::int32_t)) {
+        length = static_cast<std::size_t>(vexadx::Load<std::int32_t>(message.data()));
+      }
+    }
+    return block.ParseBuf(message.data()) == 0;
+  }
+
+  bool write(const std::string& bytes) {
+    const std::size_t piece = m_faults.Have("bytewise") ? 1 : bytes.size();
+    if (m_faults.Have("bytewise")) makeSmall(m_results);
+    for (std::size_t at = 0; at < bytes.size(); at += piece) {
+      if (m_results.WriteData(bytes.data() + at, static_cast<int>(piece), nullptr) != 0) return false;
+    }
+    return true;
+  }
+
+  static void makeSmall(VexaPipe& pipe) {
+#ifdef F_SETPIPE_SZ
+    constexpr int kPage = 4096;
+    const int descriptor = ::open(pipe.GetPipeName().c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    (void)::fcntl(descriptor, F_SETPIPE_SZ, kPage);
+    ::close(descriptor);
+#endif
   }
 
   const Faults& m_faults;
@@ -225,6 +287,7 @@ class Server : private DXCmdDispatcherVisitor {
   VexaPipe m_results;
   DXCmdDispatcher::CmdKey m_command{};
   int m_readyChecks = 0;
+  std::size_t m_answered = 0;
 };
 
 }  // namespace

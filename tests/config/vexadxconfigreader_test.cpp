@@ -81,10 +81,15 @@ TEST_F(Configuration, GivesEachEngineItsSection) {
 TEST_F(Configuration, IsReadOnce) {
   Configure("[CTEST]\nMYVAR=1\n");
   XConfigOptions* options = Reader().GetOptions("CTEST");
+  const auto expectRead = [&](const std::string& other) {
+    EXPECT_EQ(options, Reader().GetOptions("CTEST"));
+    EXPECT_EQ("1", options->GetXEnvVars()["MYVAR"]);
+    EXPECT_TRUE(Reader().GetOptions(other)->GetXEnvVars().empty());
+  };
+  m_home.Configure("[CTE");
+  expectRead("OTHER");
   m_home.Remove("bin/vexadxcfg.ini");
-  EXPECT_EQ(options, Reader().GetOptions("CTEST"));
-  EXPECT_EQ("1", options->GetXEnvVars()["MYVAR"]);
-  EXPECT_TRUE(Reader().GetOptions("OTHER")->GetXEnvVars().empty());
+  expectRead("ANOTHER");
 }
 
 TEST_F(Configuration, ThatIsMissingIsEmpty) {

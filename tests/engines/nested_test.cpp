@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <chrono>
 #include <filesystem>
 #include <memory>
 #include <set>
@@ -166,6 +167,19 @@ TEST_F(NestedRuns, GoFiftyDeepAndBack) {
     EXPECT_EQ(FilesOf("PYTHON", 1), Files());
     EXPECT_EQ(0, RunBlock("assert ended == list(range(" + std::to_string(depth) + "))[::-1], ended"));
   }
+}
+
+TEST_F(NestedRuns, EndWithTheProcess) {
+  ASSERT_EQ(0, Start("PYTHON"));
+  const auto outer = RunWaiting("", "");
+  auto inner = RunWaiting("", "");
+  const auto begin = std::chrono::steady_clock::now();
+  ::kill(vexadx::ProcessOf(*m_engine).id, SIGKILL);
+  EXPECT_EQ(99103, inner->Wait());
+  EXPECT_EQ(99103, outer->Wait());
+  inner.reset();
+  EXPECT_EQ(FilesOf("PYTHON", 1), Files());
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
 }
 
 TEST_F(NestedRuns, MayLeaveALevelOut) {

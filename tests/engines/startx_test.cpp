@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <chrono>
 #include <climits>
-#include <fstream>
 #include <future>
 #include <iterator>
 #include <list>
@@ -39,19 +38,6 @@ std::size_t descriptorsOf(pid_t process) {
   std::error_code noDirectory;
   const fs::directory_iterator descriptors("/proc/" + std::to_string(process) + "/fd", noDirectory);
   return noDirectory ? 0 : static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)));
-}
-
-// 0 where nobody counts. Sanitizers keep what is released.
-long residentBytes(pid_t process) {
-#ifdef VEXADX_SANITIZED
-  (void)process;
-  return 0;
-#else
-  long pages = 0;
-  long resident = 0;
-  std::ifstream("/proc/" + std::to_string(process) + "/statm") >> pages >> resident;
-  return resident * ::sysconf(_SC_PAGESIZE);
-#endif
 }
 
 }  // namespace
@@ -233,12 +219,12 @@ TEST_F(StartX, KeepsNothingOfItsRuns) {
       if (run != first) continue;
       for (const pid_t process : processes) {
         descriptors.push_back(descriptorsOf(process));
-        bytes.push_back(residentBytes(process));
+        bytes.push_back(ResidentBytes(process));
       }
     }
     for (const std::size_t side : {0, 1}) {
       EXPECT_EQ(descriptors[side], descriptorsOf(processes[side])) << side;
-      EXPECT_LE(residentBytes(processes[side]), bytes[side] + 256L * 1024) << side;
+      EXPECT_LE(ResidentBytes(processes[side]), bytes[side] + 256L * 1024) << side;
     }
     EXPECT_EQ(0, x.Stop());
   }

@@ -2,13 +2,19 @@
 
 #include <signal.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <future>
 #include <string>
+#include <thread>
 
 #include "outofprocess.h"
+#include "processstate.h"
 
-// Engines whose X process misbehaves as its options say.
+// Engines whose X process misbehaves as its options say, and a neighbour: an engine that runs blocks all the time, and
+// whose runs none of that may touch.
 class FaultyX : public OutOfProcess {
  protected:
   FaultyX() { PutStartX(VEXADX_STARTX_FAULT); }
@@ -20,6 +26,34 @@ class FaultyX : public OutOfProcess {
     }
   }
 
+  void SetUp() override {
+    OutpX& neighbour = Add("NEIGHBOUR");
+    ASSERT_EQ(0, neighbour.Start());
+    ASSERT_EQ(0, neighbour.Run("first"));
+    neighbourProcess = neighbour.Process();
+    m_bytes = OwnBytes();
+    m_neighbour = std::async(std::launch::async, [this, &neighbour] {
+      int code = 0;
+      while (code == 0 && !m_isOver) {
+        code = neighbour.Run("neighbour's");
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+      const int stopped = neighbour.Stop();
+      return code == 0 ? stopped : code;
+    });
+  }
+
+  void TearDown() override {
+    m_isOver = true;
+    EXPECT_EQ(0, m_neighbour.get()) << "the neighbour was touched";
+    OutOfProcess::TearDown();
+    std::cerr << "GREW " << (OwnBytes() - m_bytes) / 1024 << "\n";
+    EXPECT_LE(OwnBytes(), m_bytes + kBytesOfARow * m_rows);
+  }
+
+  // Besides the neighbour.
+  static bool HasChildren() { return HasChildrenBeside(neighbourProcess); }
+
   void PutStartX(const std::filesystem::path& program) {
     m_home.Remove("bin/startx");
     std::filesystem::create_symlink(program, m_home.Path("bin/startx"));
@@ -27,6 +61,7 @@ class FaultyX : public OutOfProcess {
 
   OutpX& AddFaulty(const std::string& fault, const std::string& xName = "FAULTY") {
     OutpX& x = Add(xName);
+    ++m_rows;
     x.options.PutOption("STARTX_FAULT", fault);
     return x;
   }
@@ -43,4 +78,14 @@ class FaultyX : public OutOfProcess {
     EXPECT_EQ(0, x.Run("healthy"));
     EXPECT_EQ(0, x.Stop());
   }
+
+ private:
+  static constexpr long kBytesOfARow = 256L * 1024;
+
+  static inline pid_t neighbourProcess = -1;
+
+  std::atomic<bool> m_isOver{false};
+  std::future<int> m_neighbour;
+  long m_bytes = 0;
+  long m_rows = 0;
 };

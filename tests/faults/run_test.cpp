@@ -15,11 +15,9 @@
 #include <utility>
 #include <vector>
 
-#include "clexdsmb.h"
+#include "exchange.h"
 #include "faultyx.h"
-#include "framing.h"
 #include "signals.h"
-#include "vexapipe.h"
 
 namespace {
 
@@ -184,32 +182,16 @@ TEST_F(FaultyX, IsStoppedTwiceAtNoCost) {
   ExpectHealthyAgain(x);
 }
 
-namespace {
-
-std::string largeText() {
-  std::string text(kLarge, ' ');
-  for (std::size_t i = 0; i < text.size(); ++i) text[i] = static_cast<char>('a' + i * i % 23);
-  return text;
-}
-
-}  // namespace
-
 TEST_F(FaultyX, IsDrivenThroughSignals) {
   OutpX& x = AddFaulty("slow=2000");  // such a start is as patient as any
-  const std::string text = largeText();
+  const std::string text = TextOf(kLarge);
   {
     const Signals signals;
     EXPECT_EQ(0, x.Start());
     EXPECT_EQ(0, x.Run(text));
 
     ASSERT_EQ(0, x.Begin());
-    XPipes* const pipes = m_manager->getPipeSuit("FAULTY")->getXPipes();
-    CleXDSmb request;
-    CleXDSmb reply;
-    request.SetString(text);
-    EXPECT_EQ(0, SendData(pipes->GetSyntaxPipe(), request, false));
-    EXPECT_EQ(0, ReceiveData(pipes->GetSyntaxResultPipe(), reply, true));
-    EXPECT_TRUE(text == reply.GetSingleString());
+    EXPECT_TRUE(text == TextInReplyTo(text, "FAULTY"));
     EXPECT_EQ(0, x.End());
     EXPECT_EQ(0, x.Stop());
   }

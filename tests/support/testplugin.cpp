@@ -1,12 +1,14 @@
 // A plug-in library for the tests. Its codes come from the environment (CTEST_INIT, CTEST_PRE, CTEST_POST, CTEST_STOP;
 // 0 when unset) and a block's from its text; the code 666 is thrown instead, the block "wait" never ends, and the block
-// "child" starts a process that lives for a minute. Compiled with WITHOUT_<entry point> it lacks that one.
+// "child" starts a process that lives for a minute. The last block's text is in the file CTEST_BLOCK. Compiled with
+// WITHOUT_<entry point> it lacks that one.
 
 #include <pthread.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 
 #define ENTRY_POINT extern "C" __attribute__((visibility("default")))
 
@@ -55,6 +57,7 @@ ENTRY_POINT int init_embedded_x(int argc, char** argv) {
 #ifndef WITHOUT_execute_x
 ENTRY_POINT int execute_x(char* syntax) {
   if (gOutput) gOutput(syntax, static_cast<int>(std::strlen(syntax)));
+  if (const char* const file = std::getenv("CTEST_BLOCK")) std::ofstream(file, std::ios::binary) << syntax;
   if (std::strncmp(syntax, "wait", 4) == 0) waitForEver();
   if (std::strncmp(syntax, "child", 5) == 0) startChild();
   return codeOf(syntax);

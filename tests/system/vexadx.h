@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,15 @@ inline Outcome RunProgram(const Strings& command, const std::string& input = "")
 
 inline Outcome RunVexadx(const Strings& arguments, const std::string& input = "") {
   return RunProgram(CommandOf(arguments), input);
+}
+
+// The exit status after a signal, which does not take long.
+inline int EndBy(int signal, ChildProcess& child) {
+  const auto begin = std::chrono::steady_clock::now();
+  child.Signal(signal);
+  const int status = child.Wait();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+  return status;
 }
 
 inline void ExpectWords(const std::string& text, const Strings& words) {

@@ -153,8 +153,7 @@ TEST_F(VexadxR, CtrlCInterruptsTheBlock) {
     for (const std::string loop : {"while (TRUE) Sys.time()", "Sys.sleep(1000)"}) {
       ChildProcess child(CommandOf(Run(place, {"kept <- 1; cat('ready')\n" + loop, "kept"})));
       child.AwaitOutput("ready");
-      child.Signal(SIGINT);
-      EXPECT_EQ(130, child.Wait()) << place << '\n' << child.Err();
+      EXPECT_EQ(130, EndBy(SIGINT, child)) << place << '\n' << child.Err();
       EXPECT_EQ("ready[1] 1\n", child.Out()) << place << '\n' << child.Err();
     }
   }

@@ -2,6 +2,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -228,6 +229,22 @@ TEST_F(VexadxTest, BlocksRunInTheOrderOfTheCommandLine) {
   EXPECT_EQ(std::string::npos, outcome.err.find(": code 0 "));
 }
 
+TEST_F(VexadxTest, ABlockReachesTheEngineByteForByte) {
+  const std::string arrived = home.Path("arrived");
+  ::setenv("CTEST_BLOCK", arrived.c_str(), 1);
+  const std::string texts[] = {"0 a\rb\r\rc\r\n\n\n d\n", "0 \xFF\xC0\x80\xED\xA0\x80\xF8\n",
+                               "0" + std::string(1 << 20, 'l') + '\n', "0\x01\x1A\x7F\t\x0C\xEF\xBB\xBF\n"};
+  for (const std::string& text : texts) {
+    const std::string file = home.Replace("block", text);
+    for (const std::string place : {"--in-process", "--out-of-process"}) {
+      home.Remove("arrived");
+      EXPECT_EQ(0, RunVexadx({"run", "CTEST", place, file}).status);
+      EXPECT_TRUE(text == ReadFile(arrived)) << place << ' ' << text.substr(0, 20);
+    }
+  }
+  ::unsetenv("CTEST_BLOCK");
+}
+
 TEST_F(VexadxTest, TheTraceThatTheConfigurationAsksForHasEveryRun) {
   const std::string trace = home.Path("trace");
   home.Configure("[SUPPORTED_LANG]\nX=CTEST\nTRACE=" + trace + "\n[CTEST]\nLIB_NAME=ctest\n");
@@ -414,6 +431,37 @@ TEST_F(VexadxPythonTest, OutputArrivesWhileTheBlockRuns) {
   }
 }
 
+// Lines of 100 bytes with their numbers, from the language and, behind the interpreter's back, from C that holds its
+// lock.
+TEST_F(VexadxPythonTest, AFloodOfOutputArrivesInOrder) {
+  constexpr int kLines = 100'000;
+  const std::string lines = "range(" + std::to_string(kLines) + ")";
+  const std::string fromPython =
+      "import sys\nfor i in " + lines + ":\n  print(f'{i:099}')\n  print(f'{i:099}', file=sys.stderr)";
+  const std::string fromC =
+      "import ctypes\nwrite = ctypes.PyDLL(None).write\ntext = ''.join(f'{i:099}\\n' for i in " + lines +
+      ").encode()\nfor fd in (1, 2):\n  at = 0\n" +
+      "  while at < len(text): at += write(fd, text[at:at + 1_000_000], len(text[at:at + 1_000_000]))";
+  std::string expected;
+  for (int i = 0; i < kLines; ++i) {
+    const std::string number = std::to_string(i);
+    expected += std::string(99 - number.size(), '0') + number + '\n';
+  }
+  for (const char* place : {kInside, kOutside}) {
+    for (const std::string& block : {fromPython, fromC}) {
+      SCOPED_TRACE(place + block);
+      const auto begin = std::chrono::steady_clock::now();
+      const Outcome outcome = RunVexadx(Python(place, {"-e", block}));
+      EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+      EXPECT_EQ(0, outcome.status);
+      EXPECT_TRUE(expected == outcome.out) << outcome.out.size();
+      EXPECT_TRUE(expected == outcome.err) << outcome.err.size();
+    }
+  }
+  const Outcome outcome = RunVexadx(Python(kOutside, {"--json", "-e", fromC}));
+  EXPECT_TRUE(expected + expected == OutputOf(outcome.out)) << outcome.out.size();
+}
+
 // What is written past the plug-in is the block's where the process is the block's alone.
 TEST_F(VexadxPythonTest, WhatAChildOfABlockWritesIsOutputOfItsProcess) {
   for (const std::string place : {kInside, kOutside}) {
@@ -464,12 +512,12 @@ TEST_F(VexadxPythonTest, SignalsEndTheBlockThenTheRunThenEverything) {
     SCOPED_TRACE(c.place + testing::PrintToString(c.arguments) + testing::PrintToString(c.signals));
     ChildProcess child(CommandOf(Python(c.place, c.arguments + Strings{"--trace", trace})));
     std::string out;
-    for (const int signal : c.signals) {
+    for (std::size_t sent = 0; sent < c.signals.size(); ++sent) {
       out += "ready\n";
       child.AwaitOutput(out);
-      child.Signal(signal);
+      if (sent + 1 < c.signals.size()) child.Signal(c.signals[sent]);
     }
-    EXPECT_EQ(c.status, child.Wait());
+    EXPECT_EQ(c.status, EndBy(c.signals.back(), child));
     EXPECT_EQ(out + c.end, child.Out());
     ExpectWords(child.Err(), c.err);
     EXPECT_EQ(c.stopped, ReadFile(trace).find("stop_embedded_x error code : 0.") != std::string::npos);
@@ -530,6 +578,9 @@ TEST_F(VexadxJavaTest, TheStatusIsWhatTheCommandCameTo) {
 }
 
 TEST_F(VexadxJavaTest, CtrlCEndsTheCommandAloneAndAKilledProcessTheRun) {
+  ChildProcess alone(CommandOf(Java("STATS_PROCESS", {"-e", ""})));
+  alone.AwaitOutput("\n");
+  EXPECT_EQ(130, EndBy(SIGINT, alone));
   for (const bool killed : {false, true}) {
     ChildProcess child(CommandOf(Java("STATS_PROCESS", {"-e", "", "-e", "return"})));
     child.AwaitOutput("\n");

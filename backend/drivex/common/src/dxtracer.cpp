@@ -15,6 +15,7 @@
 #include <ext/stdio_filebuf.h>
 #endif
 
+#include "brokenpipeguard.h"
 #include "cancellationguard.h"
 #include "dxglobals.h"
 
@@ -57,6 +58,20 @@ void openTruncated(std::ofstream& stream, const std::string& path) {
 #endif
 }
 
+// A FIFO's reader may leave at any time.
+void put(std::ofstream& stream, std::string_view text) {
+  if (!stream) return;
+  BrokenPipeGuard guard;
+  if (!(stream << text << std::flush)) guard.NoteBrokenPipe();
+}
+
+// With a last try of what could not be written.
+void close(std::ofstream* stream) {
+  BrokenPipeGuard guard;
+  if (stream && !*stream) guard.NoteBrokenPipe();
+  delete stream;
+}
+
 }  // namespace
 
 DxTracer* GetDxTracer() { return gDxTracer; }
@@ -65,16 +80,16 @@ void SetDxTracer(DxTracer* tracer) { gDxTracer = tracer; }
 
 DxTracer::DxTracer() : m_stream(nullptr) {}
 
-DxTracer::~DxTracer() { delete m_stream; }
+DxTracer::~DxTracer() { close(m_stream); }
 
 void DxTracer::open(const std::string& path) {
   if (path.empty()) return;
   const CancellationGuard noCancellation;  // which would leave a stream that writes no more
   auto stream = std::make_unique<std::ofstream>();
   const std::lock_guard guard(gTraceGuard);
-  delete std::exchange(m_stream, nullptr);  // first, so that opening the same file again truncates what it wrote
+  close(std::exchange(m_stream, nullptr));  // first, so that opening the same file again truncates what it wrote
   openTruncated(*stream, path);
-  *stream << kBanner << std::flush;
+  put(*stream, kBanner);
   m_stream = stream.release();
 }
 
@@ -85,7 +100,7 @@ void DxTracer::write(const std::string& text) {
   std::string line;
   appendTimeStamp(line);
   line.append(m_xName).append(">>").append(text).push_back('\n');
-  *m_stream << line << std::flush;
+  put(*m_stream, line);
 }
 
 void DxTracer::setXName(const std::string& name) {

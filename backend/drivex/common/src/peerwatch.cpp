@@ -11,6 +11,9 @@
 #ifdef __linux__
 #include <poll.h>
 #include <sys/syscall.h>
+#if defined(SYS_pidfd_open) && defined(SYS_pidfd_send_signal)
+#define VEXADX_PROCESS_DESCRIPTORS
+#endif
 #endif
 #ifdef __APPLE__
 #include <sys/event.h>
@@ -31,6 +34,9 @@ using namespace std::chrono_literals;
 
 constexpr auto kSlowLook = 50ms;  // where the system does not tell of a death
 constexpr auto kReleaseEach = 1ms;
+#ifdef VEXADX_PROCESS_DESCRIPTORS
+constexpr auto kByDescriptor = static_cast<idtype_t>(3);  // P_PIDFD, which is younger than many headers
+#endif
 
 // -1 when there is none: a file that is no FIFO is nobody's other end.
 int openOtherEnd(const char* pipe, int mode) {
@@ -46,29 +52,60 @@ int bytesIn(int descriptor) {
   return ::ioctl(descriptor, FIONREAD, &count) == 0 ? count : 0;
 }
 
+// A process by its descriptor, which never stands for another that has got its number; -1: the system has none.
+int descriptorOf(pid_t process) {
+#ifdef VEXADX_PROCESS_DESCRIPTORS
+  return static_cast<int>(::syscall(SYS_pidfd_open, process, 0));
+#else
+  (void)process;
+  return -1;
+#endif
+}
+
 // A child's death by itself, without reaping it. False: it is no child to wait for any more, or lives.
-bool hasDied(pid_t process, siginfo_t& info) {
+bool hasDied(pid_t process, int descriptor, siginfo_t& info) {
+  idtype_t kind = P_PID;
+  auto id = static_cast<id_t>(process);
+#ifdef VEXADX_PROCESS_DESCRIPTORS
+  if (descriptor != -1) {
+    kind = kByDescriptor;
+    id = static_cast<id_t>(descriptor);
+  }
+#else
+  (void)descriptor;
+#endif
   info.si_pid = 0;
-  return ::waitid(P_PID, static_cast<id_t>(process), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == process;
+  return ::waitid(kind, id, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == process;
+}
+
+void sendSignal(pid_t process, int descriptor, int number) {
+#ifdef VEXADX_PROCESS_DESCRIPTORS
+  if (descriptor != -1) {
+    (void)::syscall(SYS_pidfd_send_signal, descriptor, number, nullptr, 0);
+    return;
+  }
+#else
+  (void)descriptor;
+#endif
+  (void)::kill(process, number);
 }
 
 bool isThere(pid_t process) { return ::kill(process, 0) == 0 || errno != ESRCH; }
 
 void awaitDeathSlowly(pid_t process) {
   siginfo_t info;
-  while (isThere(process) && !hasDied(process, info)) std::this_thread::sleep_for(kSlowLook);
+  while (isThere(process) && !hasDied(process, -1, info)) std::this_thread::sleep_for(kSlowLook);
 }
 
-#if defined(__linux__) && defined(SYS_pidfd_open)
-void awaitDeath(pid_t process) {
-  const PeerWatch::Descriptor descriptor(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
+#ifdef VEXADX_PROCESS_DESCRIPTORS
+void awaitDeath(pid_t process, int descriptor) {
   if (descriptor == -1) return awaitDeathSlowly(process);
   pollfd waited{descriptor, POLLIN, 0};
   while (::poll(&waited, 1, -1) == -1 && errno == EINTR) {
   }
 }
 #elif defined(__APPLE__)
-void awaitDeath(pid_t process) {
+void awaitDeath(pid_t process, int /*descriptor*/) {
   const PeerWatch::Descriptor queue(::kqueue());
   struct kevent change;
   EV_SET(&change, process, EVFILT_PROC, EV_ADD | EV_ONESHOT, NOTE_EXIT, 0, nullptr);
@@ -80,7 +117,7 @@ void awaitDeath(pid_t process) {
   awaitDeathSlowly(process);  // at once when the event has come
 }
 #else
-void awaitDeath(pid_t process) { awaitDeathSlowly(process); }
+void awaitDeath(pid_t process, int /*descriptor*/) { awaitDeathSlowly(process); }
 #endif
 
 int waitStatus(const siginfo_t& info) {
@@ -116,18 +153,21 @@ void PeerWatch::Begin(pid_t process) {
   m_process = process;
   m_gone = process <= 0;
   m_ended = m_gone;
+  if (!m_gone) m_descriptor.Reset(descriptorOf(process));
   m_changed.notify_all();
 }
 
 void PeerWatch::watch() {
   pid_t process;
+  int descriptor;
   {
     std::unique_lock lock(m_guard);
     m_changed.wait(lock, [this] { return m_begun; });
-    if (m_gone) return;
+    if (m_process <= 0) return;
     process = m_process;
+    descriptor = m_descriptor;
   }
-  awaitDeath(process);
+  awaitDeath(process, descriptor);
   noteEnd();
   releaseWaits();
 }
@@ -135,13 +175,14 @@ void PeerWatch::watch() {
 void PeerWatch::noteEnd() {
   const std::lock_guard lock(m_guard);
   siginfo_t info;
-  if (!m_gone && hasDied(m_process, info)) {
+  if (!m_gone && hasDied(m_process, m_descriptor, info)) {
     m_status = waitStatus(info);
   } else {
     m_gone = true;  // somebody else's wait, or nobody's, has taken it
   }
   m_ended = true;
   if (m_reapLater) (void)reapNow();
+  (void)isGone();
   m_changed.notify_all();
 }
 
@@ -151,10 +192,12 @@ bool PeerWatch::AwaitEnd(std::chrono::milliseconds atMost) {
   return m_changed.wait_for(lock, atMost, [this] { return m_ended.load(); });
 }
 
-// Once it has died its number is its own only as long as it is there to be reaped.
+// Once it has died its number is its own only as long as it is there to be reaped. While its death is waited for the
+// descriptor stays.
 bool PeerWatch::isGone() {
   siginfo_t info;
-  if (!m_gone && !(m_ended ? hasDied(m_process, info) : isThere(m_process))) m_gone = true;
+  if (!m_gone && !(m_ended ? hasDied(m_process, m_descriptor, info) : isThere(m_process))) m_gone = true;
+  if (m_gone && m_ended) m_descriptor.Reset(-1);
   return m_gone;
 }
 
@@ -174,7 +217,7 @@ bool PeerWatch::reapNow() {
   } else if (reaped == -1 && errno == ECHILD) {
     m_gone = true;
   }
-  return m_gone;
+  return isGone();
 }
 
 void PeerWatch::Reap() {
@@ -189,7 +232,7 @@ bool PeerWatch::IsToBeReaped() {
 
 void PeerWatch::Signal(int number) {
   const std::lock_guard lock(m_guard);
-  if (!isGone() && !m_ended) (void)::kill(m_process, number);
+  if (!isGone() && !m_ended) sendSignal(m_process, m_descriptor, number);
 }
 
 std::optional<int> PeerWatch::EndStatus() {

@@ -80,6 +80,7 @@ class PeerWatch {
   std::condition_variable m_changed;
   std::atomic<bool> m_ended{false};
   pid_t m_process = -1;
+  Descriptor m_descriptor;  // of the process, until it is gone
   bool m_begun = false;
   bool m_gone = true;
   bool m_reapLater = false;
