@@ -17,7 +17,9 @@
 #endif
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstdio>
 #include <new>
 #include <system_error>
 #include <thread>
@@ -48,8 +50,12 @@ int bytesIn(int descriptor) {
 
 // A child's death by itself, without reaping it. False: it is no child to wait for any more, or lives.
 bool hasDied(pid_t process, siginfo_t& info) {
-  info.si_pid = 0;
-  return ::waitid(P_PID, static_cast<id_t>(process), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == process;
+  int result;
+  do {
+    info.si_pid = 0;
+    result = ::waitid(P_PID, static_cast<id_t>(process), &info, WEXITED | WNOHANG | WNOWAIT);
+  } while (result == -1 && errno == EINTR);
+  return result == 0 && info.si_pid == process;
 }
 
 bool isThere(pid_t process) { return ::kill(process, 0) == 0 || errno != ESRCH; }
@@ -64,8 +70,11 @@ void awaitDeath(pid_t process) {
   const PeerWatch::Descriptor descriptor(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
   if (descriptor == -1) return awaitDeathSlowly(process);
   pollfd waited{descriptor, POLLIN, 0};
-  while (::poll(&waited, 1, -1) == -1 && errno == EINTR) {
-  }
+  int count;
+  do {
+    count = ::poll(&waited, 1, -1);
+  } while (count == -1 && errno == EINTR);
+  if (count == -1) awaitDeathSlowly(process);
 }
 #elif defined(__APPLE__)
 void awaitDeath(pid_t process) {
@@ -247,8 +256,9 @@ void PeerWatch::Operation::release(int kind) {
 int PeerWatch::Operation::openOther(int mode) const {
 #ifdef O_PATH
   if (m_descriptor != -1) {
-    const std::string link = "/proc/self/fd/" + std::to_string(m_descriptor);
-    if (const int other = openOtherEnd(link.c_str(), mode); other != -1) return other;
+    std::array<char, 32> link;  // the thread that watches has no memory to ask for
+    (void)std::snprintf(link.data(), link.size(), "/proc/self/fd/%d", m_descriptor);
+    if (const int other = openOtherEnd(link.data(), mode); other != -1) return other;
   }
 #endif
   return openOtherEnd(m_pipe, mode | O_NOFOLLOW);
