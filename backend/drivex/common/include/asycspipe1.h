@@ -66,6 +66,7 @@ class VEXADX_API AsyCsPipe1 {
   std::string m_name;
   bool m_opened;
   bool m_isServer;
+  bool m_replyMissed;  // the last request was sent and its reply not read
 };
 
 class DXCmdDispatcherVisitor;

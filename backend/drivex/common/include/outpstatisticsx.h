@@ -17,7 +17,8 @@ class XPipeSuit;
 //
 // A wait for the process ends within a second of its death, with the code of a pipe whose other end is gone
 // (vexadx::kPipeClosed, vexadx::kPipeFailed), also when a process that it left behind still holds the pipes. One that
-// lives is waited for without limit. After any failure the engine can be stopped and started again.
+// lives is waited for without limit. After any failure the engine can be stopped and started again. Of what operations
+// answer, 1 (vexadx::kFailed) may be that memory gave out.
 //
 // REQUIRES, from the start on: a pipe manager set with SetXPipeManager and, but for the Java extension, a driver of the
 // X in the registry (XManager::addVexaDX). Runs of different nesting levels may be on threads of their own, each with
@@ -69,9 +70,13 @@ class VEXADX_API OutpStatisticsX : public StatisticsX {
   friend vexadx::XProcess vexadx::ProcessOf(OutpStatisticsX& engine);
 
   VEXADX_HIDDEN XPipeSuit& suit() const;
+  VEXADX_HIDDEN int startX();
+  VEXADX_HIDDEN int startJava();
   VEXADX_HIDDEN int startProcess(XCmdArgument& arguments);
   VEXADX_HIDDEN void leaveEarlierProcess();
   VEXADX_HIDDEN int checkReady();
+  VEXADX_HIDDEN int beginXRun();
+  VEXADX_HIDDEN int sendCommand(int key);
   VEXADX_HIDDEN int executeJava();
 
   XConfigOptions* m_options;  // not owned

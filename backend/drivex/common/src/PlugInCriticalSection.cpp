@@ -1,9 +1,9 @@
 #include "PlugInCriticalSection.h"
 
-#include <sys/time.h>
-
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <memory>
 #include <new>
 #include <optional>
 #include <utility>
@@ -19,29 +19,37 @@ constexpr pthread_t kNoThread{};
 
 constexpr unsigned int kNoTimeLimit = 4294967295U;
 
-constexpr long kNanosecondsPerSecond = 1'000'000'000;
+[[maybe_unused]] constexpr long kNanosecondsPerSecond = 1'000'000'000;
 
-// The time of day at which a wait that begins now is over.
-timespec deadlineIn(unsigned int timeoutMs) {
-  timeval now{};
-  timespec deadline{};
-  if (::gettimeofday(&now, nullptr) != 0) {
-    deadline.tv_sec = std::time(nullptr) + static_cast<time_t>((timeoutMs + 999ULL) / 1000);
-    return deadline;
+// Waits on the condition, at most so long, whatever becomes of the time of day meanwhile. Answers an error number.
+int waitAtMost(pthread_cond_t& condition, pthread_mutex_t& mutex, unsigned int timeoutMs) {
+  timespec time{static_cast<time_t>(timeoutMs / 1000), static_cast<long>(timeoutMs % 1000) * 1'000'000};
+#ifdef __APPLE__
+  return ::pthread_cond_timedwait_relative_np(&condition, &mutex, &time);
+#else
+  timespec now{};
+  (void)::clock_gettime(CLOCK_MONOTONIC, &now);
+  time.tv_sec += now.tv_sec;
+  time.tv_nsec += now.tv_nsec;
+  if (time.tv_nsec >= kNanosecondsPerSecond) {
+    time.tv_nsec -= kNanosecondsPerSecond;
+    ++time.tv_sec;
   }
-  deadline.tv_sec = now.tv_sec + static_cast<time_t>(timeoutMs / 1000);
-  deadline.tv_nsec = now.tv_usec * 1000L + static_cast<long>(timeoutMs % 1000) * 1'000'000;
-  if (deadline.tv_nsec >= kNanosecondsPerSecond) {
-    deadline.tv_nsec -= kNanosecondsPerSecond;
-    ++deadline.tv_sec;
-  }
-  return deadline;
+  return ::pthread_cond_clockwait(&condition, &mutex, CLOCK_MONOTONIC, &time);
+#endif
 }
 
 }  // namespace
 
 PlugInCriticalSection::PlugInCriticalSection()
-    : m_Handle(new pthread_mutex_t), m_Locked(false), m_Gate(new pthread_mutex_t), m_CountGuard(new pthread_mutex_t) {
+    : m_Handle(nullptr), m_Locked(false), m_Gate(nullptr), m_CountGuard(nullptr) {
+  auto handle = std::make_unique<pthread_mutex_t>();
+  auto gate = std::make_unique<pthread_mutex_t>();
+  auto countGuard = std::make_unique<pthread_mutex_t>();
+  m_ThreadCounts.emplace(kNoThread, 0);  // for the first that acquires
+  m_Handle = handle.release();
+  m_Gate = gate.release();
+  m_CountGuard = countGuard.release();
   const int tmp2 = ::pthread_mutex_init(m_Gate, nullptr);
   const int tmp = ::pthread_mutex_init(m_Handle, nullptr);
   const int tmp3 = ::pthread_mutex_init(m_CountGuard, nullptr);
@@ -98,9 +106,22 @@ int PlugInCriticalSection::get_ThreadCount(pthread_t thread) {
   return entry == m_ThreadCounts.end() ? 0 : entry->second;
 }
 
+// A thread that is new to the table gets the entry of one that holds nothing: there is one whenever the section is
+// free, so that acquiring takes no memory.
 void PlugInCriticalSection::Increment_ThreadCount(pthread_t thread) {
   const MutexLock guard(*m_CountGuard);
-  ++m_ThreadCounts[thread];
+  auto entry = m_ThreadCounts.find(thread);
+  if (entry == m_ThreadCounts.end()) {
+    entry = std::ranges::find(m_ThreadCounts, 0, &std::pair<const pthread_t, int>::second);
+    if (entry == m_ThreadCounts.end()) {
+      entry = m_ThreadCounts.emplace(thread, 0).first;
+    } else {
+      auto node = m_ThreadCounts.extract(entry);
+      node.key() = thread;
+      entry = m_ThreadCounts.insert(std::move(node)).position;
+    }
+  }
+  ++entry->second;
 }
 
 void PlugInCriticalSection::Decrement_ThreadCount(pthread_t thread) {
@@ -181,10 +202,14 @@ bool PlugInCriticalSectionExt::TryLock::IsAcquired() const { return m_acquired; 
 
 PlugInSynchEvent::PlugInSynchEvent(bool manualReset, bool signaled, const char* /*name*/)
     : m_manualReset(manualReset),
-      m_mutex(new pthread_mutex_t(PTHREAD_MUTEX_INITIALIZER)),
-      m_cond(new pthread_cond_t(PTHREAD_COND_INITIALIZER)),
+      m_mutex(nullptr),
+      m_cond(nullptr),
       m_replyEvent(nullptr),
-      m_signaled(signaled ? 1 : 0) {}
+      m_signaled(signaled ? 1 : 0) {
+  auto mutex = std::make_unique<pthread_mutex_t>(pthread_mutex_t(PTHREAD_MUTEX_INITIALIZER));
+  m_cond = new pthread_cond_t(PTHREAD_COND_INITIALIZER);
+  m_mutex = mutex.release();
+}
 
 PlugInSynchEvent::~PlugInSynchEvent() {
   ::pthread_mutex_destroy(m_mutex);
@@ -214,8 +239,7 @@ void PlugInSynchEvent::WaitForSignal(unsigned int timeoutMs) {
       ::pthread_cond_wait(m_cond, m_mutex);
       continue;
     }
-    const timespec deadline = deadlineIn(timeoutMs);
-    if (::pthread_cond_timedwait(m_cond, m_mutex, &deadline) == ETIMEDOUT) m_signaled = 1;
+    if (waitAtMost(*m_cond, *m_mutex, timeoutMs) == ETIMEDOUT) m_signaled = 1;
   }
   if (m_manualReset) return;
   m_signaled = 0;

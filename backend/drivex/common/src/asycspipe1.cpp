@@ -19,7 +19,7 @@ constexpr int kStop = -1;  // what a visitor answers to end the loop
 AsyCsPipe1::Visitor::~Visitor() = default;
 
 AsyCsPipe1::AsyCsPipe1(std::string name, bool isServer)
-    : m_name(std::move(name)), m_opened(false), m_isServer(isServer) {
+    : m_name(std::move(name)), m_opened(false), m_isServer(isServer), m_replyMissed(false) {
   (void)openPipe();
 }
 
@@ -49,6 +49,7 @@ void AsyCsPipe1::renewEnds(bool ownToo) {
   (void)closePipe();
   (m_isServer ? m_clientPipe : m_serverPipe)->dropEnd();
   if (ownToo) (m_isServer ? m_serverPipe : m_clientPipe)->dropEnd();
+  m_replyMissed = false;
   (void)openPipe();
 }
 
@@ -74,10 +75,13 @@ int AsyCsPipe1::createPipeFile(VexaPipe*) { return kSuccess; }
 
 int AsyCsPipe1::send(CleXDSmb& request, CleXDSmb& reply) {
   (void)openPipe();
+  if (std::exchange(m_replyMissed, false))
+    m_clientPipe->discardLate();  // it answers nothing that is asked from here on
   int code = SendData(m_serverPipe.get(), request, true);
   TraceCode("AsyCsPipe1:send: SendData", code);
   if (code != kSuccess) return code;
   code = ReceiveData(m_clientPipe.get(), reply, true);
+  m_replyMissed = code == vexadx::kPipeFailed && reply.GetErrorCode() != code;
   TraceCode("AsyCsPipe1:send: ReceiveData", code);
   return code;
 }

@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "answeredcode.h"
 #include "cancellationguard.h"
 #include "dxassert.h"
 #include "dxtraceline.h"
@@ -43,8 +44,10 @@ DriveX::~DriveX() { delete m_thread; }
 
 int DriveX::initializeX() {
   if (m_ximpl->isIntialized()) return vexadx::kSuccess;
-  XCmdArgument arguments(vexadx::StartArguments(*m_option));
-  return m_ximpl->init_embedded_x(arguments.argc(), arguments.argv());
+  return AnsweredCode([this] {
+    XCmdArgument arguments(vexadx::StartArguments(*m_option));
+    return m_ximpl->init_embedded_x(arguments.argc(), arguments.argv());
+  });
 }
 
 int DriveX::invokeX() {
@@ -83,8 +86,11 @@ const std::string& DriveX::XName() { return m_xName; }
 void DriveX::setSyntax(std::vector<std::string>& lines) { m_syntax = &lines; }
 
 int DriveX::startX() {
-  if (!m_thread) m_thread = new DriveXThread(this);
-  return m_thread->Start(0) ? vexadx::kSuccess : vexadx::kThreadNotStarted;
+  const auto start = [this] {
+    if (!m_thread) m_thread = new DriveXThread(this);
+    return m_thread->Start(0) ? vexadx::kSuccess : vexadx::kThreadNotStarted;
+  };
+  return AnsweredCode(start, vexadx::kThreadNotStarted);
 }
 
 int DriveX::getReturnValue() { return m_thread ? m_thread->GetReturnValue() : vexadx::kSuccess; }

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 
 #include "dxtraceline.h"
 #include "vexadx_codes.h"
@@ -59,9 +60,16 @@ InpStatisticsX::~InpStatisticsX() {
 }
 
 int InpStatisticsX::loadXlib() {
-  if (!m_library && !openLibrary()) return m_lastCode;
-  if (m_lastCode != vexadx::kSuccess) return m_lastCode;
-  return resolveEntryPoints();
+  try {
+    if (!m_library && !openLibrary()) return m_lastCode;
+    if (m_lastCode != vexadx::kSuccess) return m_lastCode;
+    return resolveEntryPoints();
+  } catch (const std::bad_alloc&) {
+    m_initEmbeddedX = nullptr;  // nothing starts on some of the entry points
+    m_lastCode = vexadx::kLibraryNotLoaded;
+    TraceLine("No memory for the library.");
+    return m_lastCode;
+  }
 }
 
 bool InpStatisticsX::openLibrary() {

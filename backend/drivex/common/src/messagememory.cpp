@@ -1,5 +1,6 @@
 #include "messagememory.h"
 
+#include <pthread.h>
 #include <sys/mman.h>
 #ifdef __APPLE__
 #include <malloc/malloc.h>
@@ -9,8 +10,11 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <memory>
+#include <new>
 #include <utility>
 
 namespace messagememory {
@@ -32,25 +36,58 @@ std::size_t sizeOf(char* block) {
 
 // A request and its reply have a text each.
 struct Spares {
-  ~Spares();
+  Spares() = default;
+  ~Spares() { std::free(block); }
+  Spares(const Spares&) = delete;
+  Spares& operator=(const Spares&) = delete;
 
   char* block = nullptr;
   std::array<std::string, 2> texts;
 };
 
-// Apart from what ends with the thread, which messages may outlive.
-thread_local bool ended = false;
+// Memory of the thread's that has no destructor: to have one called at a thread's end the C++ library takes memory, and
+// ends the process when there is none.
+struct ThreadsSpares {
+  enum { kNone, kKept, kEnded } state;
+  alignas(Spares) std::byte memory[sizeof(Spares)];
+};
 
-Spares::~Spares() {
-  std::free(block);
-  ended = true;
-}
+constinit thread_local ThreadsSpares threads{};
 
-// Null when the thread is at its end.
+// Calls for the end of threads. Messages may outlive what ends with the thread.
+class ThreadEnds {
+ public:
+  ThreadEnds() : m_made(::pthread_key_create(&m_key, &end) == 0) {}
+  ~ThreadEnds() {
+    if (std::exchange(m_made, false)) ::pthread_key_delete(m_key);
+  }
+  ThreadEnds(const ThreadEnds&) = delete;
+  ThreadEnds& operator=(const ThreadEnds&) = delete;
+
+  bool CallFor(Spares* kept) const { return m_made && ::pthread_setspecific(m_key, kept) == 0; }
+
+ private:
+  static void end(void* kept) {
+    threads.state = ThreadsSpares::kEnded;
+    std::destroy_at(static_cast<Spares*>(kept));
+  }
+
+  pthread_key_t m_key{};
+  bool m_made;
+};
+
+// Null when the thread is at its end, or there is no memory.
 Spares* spares() {
-  if (ended) return nullptr;
-  thread_local Spares kept;
-  return &kept;
+  static const ThreadEnds threadEnds;
+  if (threads.state == ThreadsSpares::kEnded) return nullptr;
+  if (threads.state == ThreadsSpares::kKept) return std::launder(reinterpret_cast<Spares*>(threads.memory));
+  auto* const made = new (threads.memory) Spares;
+  if (!threadEnds.CallFor(made)) {
+    std::destroy_at(made);
+    return nullptr;
+  }
+  threads.state = ThreadsSpares::kKept;
+  return made;
 }
 
 void takeSpare(std::string& text, std::size_t length) {

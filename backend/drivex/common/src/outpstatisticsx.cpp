@@ -9,10 +9,12 @@
 #include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <new>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "answeredcode.h"
 #include "cancellationguard.h"
 #include "clexdsmb.h"
 #include "dxglobals.h"
@@ -67,7 +69,9 @@ class Launch {
   Launch(XCmdArgument& arguments, XCmdArgument& environment)
       : m_program(arguments.argumentAt(0)), m_arguments(arguments.argv()), m_environment(environment.argv()) {
     for (int number = 0; number <= kLargestErrorNumber; ++number) {
-      m_errorLines.push_back(std::string(std::strerror(number)) + '\n');
+      const char* const text = std::strerror(number);  // a number without a text of its own takes memory for one
+      if (!text) throw std::bad_alloc();
+      m_errorLines.push_back(std::string(text) + '\n');
     }
   }
 
@@ -170,6 +174,12 @@ void OutpStatisticsX::leaveEarlierProcess() {
 }
 
 int OutpStatisticsX::stat_start_x() {
+  const int code = AnsweredCode([this] { return startX(); });
+  if (code != kSuccess && m_watch) endProcess(*m_watch);
+  return code;
+}
+
+int OutpStatisticsX::startX() {
   static const std::string NameOfStartX = "startx";
   XCmdArgument arguments;
   arguments.pushArgument(inHome("bin/" + NameOfStartX), false);
@@ -184,13 +194,9 @@ int OutpStatisticsX::stat_start_x() {
   }
   (void)suit().getXPipes();  // a driver of the X is registered
   leaveEarlierProcess();
-  int code = startProcess(arguments);
-  if (code == kSuccess) {
-    sleepThrough(kStart);
-    code = isXProcessActive() ? checkReady() : vexadx::kProcessNotAlive;
-  }
-  if (code != kSuccess && m_watch) endProcess(*m_watch);
-  return code;
+  if (const int code = startProcess(arguments); code != kSuccess) return code;
+  sleepThrough(kStart);
+  return isXProcessActive() ? checkReady() : vexadx::kProcessNotAlive;
 }
 
 int OutpStatisticsX::checkReady() {
@@ -207,6 +213,13 @@ int OutpStatisticsX::checkReady() {
 }
 
 int OutpStatisticsX::stat_start_java() {
+  const int code = AnsweredCode([this] { return startJava(); });
+  TraceCode("stat_start_java result", code);
+  if (code != kSuccess && m_watch) endProcess(*m_watch);
+  return code;
+}
+
+int OutpStatisticsX::startJava() {
   static const std::string NameOfJava = "java";
   JavaPlugInSocket* const socket = GetJavaExtSocket();
   if (!socket || socket->CreateSocket() != kSuccess) return vexadx::kSocketFailed;
@@ -220,25 +233,17 @@ int OutpStatisticsX::stat_start_java() {
   arguments.pushArgument(JavaExtensionSmb().GetCommandName(), false);
 
   leaveEarlierProcess();
-  int code = startProcess(arguments);
-  if (code == kSuccess) {
-    code = socket->acceptWhile([this] { return !m_watch->HasEnded(); });
-    sleepThrough(kStart);
-    m_watch->Reap();  // one that has ended is not there
-    if (!isXProcessActive()) code = vexadx::kJavaNotAlive;
-  } else {
-    code = vexadx::kJavaNotAlive;
-  }
-  TraceCode("stat_start_java result", code);
-  if (code != kSuccess && m_watch) endProcess(*m_watch);
-  return code;
+  if (startProcess(arguments) != kSuccess) return vexadx::kJavaNotAlive;
+  const int code = socket->acceptWhile([this] { return !m_watch->HasEnded(); });
+  sleepThrough(kStart);
+  m_watch->Reap();  // one that has ended is not there
+  return isXProcessActive() ? code : vexadx::kJavaNotAlive;
 }
 
 int OutpStatisticsX::stat_stop_x() {
   int code = kSuccess;
   if (isXProcessActive()) {
-    const PeerWatch::Operation operation(m_watch);
-    code = suit().getCmdDispatcher(false)->sendCmd(DXCmdDispatcher::kStopDX);
+    code = sendCommand(DXCmdDispatcher::kStopDX);
     TraceCode("stat_stop_x cmdDispatcher sendCmd", code);
   } else {
     TraceLine("stat_stop_x: x process has already exited ");
@@ -246,13 +251,24 @@ int OutpStatisticsX::stat_stop_x() {
   (void)suit().stopMonitor(false);
   (void)suit().stopMonitor(true);
   if (m_watch) {
-    if (m_isJava) m_watch->Signal(SIGTERM);  // it serves no commands
+    if (m_isJava || code != kSuccess) m_watch->Signal(SIGTERM);  // it serves no commands, or could not be told
     m_watch->Reap();
   }
   return code;
 }
 
+int OutpStatisticsX::sendCommand(int key) {
+  return AnsweredCode([&] {
+    const PeerWatch::Operation operation(m_watch);
+    return suit().getCmdDispatcher(false)->sendCmd(static_cast<DXCmdDispatcher::CmdKey>(key));
+  });
+}
+
 int OutpStatisticsX::setup_x_run() {
+  return AnsweredCode([this] { return beginXRun(); });
+}
+
+int OutpStatisticsX::beginXRun() {
   const PeerWatch::Operation operation(m_watch);
   XPipeSuit& pipes = suit();
   VexaPipe* const result = pipes.getXPipes()->GetSyntaxResultPipe();
@@ -274,8 +290,7 @@ int OutpStatisticsX::setup_x_run() {
 }
 
 int OutpStatisticsX::exit_x_run() {
-  const PeerWatch::Operation operation(m_watch);
-  const int code = suit().getCmdDispatcher(false)->sendCmd(DXCmdDispatcher::kExitRunDX);
+  const int code = sendCommand(DXCmdDispatcher::kExitRunDX);
   TraceCode("exit_x_run cmdDispatcher sendCmd", code);
   return code;
 }

@@ -20,7 +20,9 @@
 #endif
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstdio>
 #include <new>
 #include <system_error>
 #include <thread>
@@ -74,8 +76,12 @@ bool hasDied(pid_t process, int descriptor, siginfo_t& info) {
 #else
   (void)descriptor;
 #endif
-  info.si_pid = 0;
-  return ::waitid(kind, id, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == process;
+  int result;
+  do {
+    info.si_pid = 0;
+    result = ::waitid(kind, id, &info, WEXITED | WNOHANG | WNOWAIT);
+  } while (result == -1 && errno == EINTR);
+  return result == 0 && info.si_pid == process;
 }
 
 void sendSignal(pid_t process, int descriptor, int number) {
@@ -101,8 +107,11 @@ void awaitDeathSlowly(pid_t process) {
 void awaitDeath(pid_t process, int descriptor) {
   if (descriptor == -1) return awaitDeathSlowly(process);
   pollfd waited{descriptor, POLLIN, 0};
-  while (::poll(&waited, 1, -1) == -1 && errno == EINTR) {
-  }
+  int count;
+  do {
+    count = ::poll(&waited, 1, -1);
+  } while (count == -1 && errno == EINTR);
+  if (count == -1) awaitDeathSlowly(process);
 }
 #elif defined(__APPLE__)
 void awaitDeath(pid_t process, int /*descriptor*/) {
@@ -290,8 +299,9 @@ void PeerWatch::Operation::release(int kind) {
 int PeerWatch::Operation::openOther(int mode) const {
 #ifdef O_PATH
   if (m_descriptor != -1) {
-    const std::string link = "/proc/self/fd/" + std::to_string(m_descriptor);
-    if (const int other = openOtherEnd(link.c_str(), mode); other != -1) return other;
+    std::array<char, 32> link;  // the thread that watches has no memory to ask for
+    (void)std::snprintf(link.data(), link.size(), "/proc/self/fd/%d", m_descriptor);
+    if (const int other = openOtherEnd(link.data(), mode); other != -1) return other;
   }
 #endif
   return openOtherEnd(m_pipe, mode | O_NOFOLLOW);

@@ -1,5 +1,6 @@
 #include "statisticsx.h"
 
+#include "answeredcode.h"
 #include "dxtraceline.h"
 #include "vexadx_codes.h"
 
@@ -31,7 +32,7 @@ int StatisticsX::init_embedded_x(int argc, char** argv) {
     m_initialized = true;
     TraceLine("StatisticsX::init_embedded_R");
   }
-  const int code = m_vexaDrive ? x_init_embedded_x(argc, argv) : vexadx::kSuccess;
+  const int code = m_vexaDrive ? AnsweredCode([&] { return x_init_embedded_x(argc, argv); }) : vexadx::kSuccess;
   m_initialized = code == vexadx::kSuccess;
   TraceCode("StatisticsX::init_embedded_x", code);
   return code;
@@ -41,27 +42,28 @@ int StatisticsX::execute_x(char* syntax) {
   int code = vexadx::kNotInitialized;
   if (m_initialized) {
     const RunningScope running(m_running);
-    code = x_execute_x(syntax);
+    code = AnsweredCode([&] { return x_execute_x(syntax); });
   }
   TraceCode("StatisticsX::execute_x", code);
   return code;
 }
 
 int StatisticsX::stop_embedded_x() {
-  const int code = m_initialized && m_vexaDrive ? x_stop_embedded_x() : vexadx::kSuccess;
+  const int code =
+      m_initialized && m_vexaDrive ? AnsweredCode([this] { return x_stop_embedded_x(); }) : vexadx::kSuccess;
   m_initialized = false;
   TraceCode("StatisticsX::stop_embedded_x", code);
   return code;
 }
 
 int StatisticsX::pre_action() {
-  const int code = m_initialized ? x_pre_action() : vexadx::kNotInitialized;
+  const int code = m_initialized ? AnsweredCode([this] { return x_pre_action(); }) : vexadx::kNotInitialized;
   TraceCode("StatisticsX::pre_action", code);
   return code;
 }
 
 int StatisticsX::post_action() {
-  const int code = m_initialized ? x_post_action() : vexadx::kNotInitialized;
+  const int code = m_initialized ? AnsweredCode([this] { return x_post_action(); }) : vexadx::kNotInitialized;
   TraceCode("StatisticsX::post_action", code);
   return code;
 }

@@ -1,10 +1,13 @@
 #include "vexapipe.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <utility>
 
@@ -51,6 +54,17 @@ void VexaPipe::dropEnd() {
   m_pipeCreated = false;
   struct stat status;
   if (::lstat(m_pipeName.c_str(), &status) == 0 && isOneOfOurs(status)) (void)::unlink(m_pipeName.c_str());
+}
+
+// What comes within a second and was not read.
+void VexaPipe::discardLate() {
+  std::array<char, kPiece> bytes;
+  int count = 0;
+  pollfd waited{m_pipe, POLLIN, 0};
+  (void)::poll(&waited, HasPipe() ? 1 : 0, HasPipe() ? kAttemptMs : 0);
+  while (HasPipe() && ::ioctl(m_pipe, FIONREAD, &count) == 0 && count > 0) {
+    if (::read(m_pipe, bytes.data(), bytes.size()) <= 0) return;
+  }
 }
 
 void VexaPipe::SetPipeName(std::string name) { m_pipeName = std::move(name); }
