@@ -99,7 +99,13 @@ bool isSame(const sigset_t& a, const sigset_t& b) {
 }
 
 bool isSame(const struct sigaction& a, const struct sigaction& b) {
-  return a.sa_handler == b.sa_handler && a.sa_flags == b.sa_flags && isSame(a.sa_mask, b.sa_mask);
+#ifdef __linux__
+  constexpr int kHasRestorer = 0x04000000;  // the C library adds it to what it sets
+#else
+  constexpr int kHasRestorer = 0;
+#endif
+  return a.sa_handler == b.sa_handler && ((a.sa_flags ^ b.sa_flags) & ~kHasRestorer) == 0 &&
+         isSame(a.sa_mask, b.sa_mask);
 }
 
 // False for the numbers the system keeps to itself.
