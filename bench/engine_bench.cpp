@@ -1,8 +1,10 @@
 // What the library adds to a block of syntax, each figure beside the limit it is held against, taken in turn within one
-// run: a block through the engine beside its language called directly, a traced operation beside the bare write of its
-// line, DxTrace without a tracer beside a call that tests a pointer.
+// run: a block through the engine beside its language called directly, a run through a plug-in that does nothing beside
+// its functions called directly, a traced operation beside the bare write of its line, DxTrace without a tracer beside
+// a call that tests a pointer.
 
 #include <benchmark/benchmark.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -50,6 +52,34 @@ void BlockThroughTheEngine(benchmark::State& state) {
   }
 }
 BENCHMARK(BlockThroughTheEngine)->Apply(eachLanguage)->Iterations(kRounds);
+
+template <typename Function>
+Function* entryPoint(void* plugin, const char* name) {
+  return reinterpret_cast<Function*>(::dlsym(plugin, name));
+}
+
+// Pre-action, block and post-action.
+void RunThroughTheEngine(benchmark::State& state) {
+  SetVEXAHOME(BENCH_PROGRAMS);
+  XConfigOptions options("BENCH");
+  options.PutOption(XConfigOptions::KEY_LIB_NAME, "benchplugin");
+  InpStatisticsX engine(&options, true);
+  stopUnless(engine.init_embedded_x(0, nullptr) == 0, "the engine did not start");
+  void* const plugin = ::dlopen(BENCH_PROGRAMS "/lib/libbenchplugin.dylib", RTLD_NOW);
+  stopUnless(plugin, "no plug-in");
+  auto* const preAction = entryPoint<int()>(plugin, "pre_action");
+  auto* const execute = entryPoint<int(char*)>(plugin, "execute_x");
+  auto* const postAction = entryPoint<int()>(plugin, "post_action");
+
+  std::string block;
+  const Pair pair = measure(
+      state,
+      [&] { stopUnless(engine.pre_action() + engine.execute_x(block.data()) + engine.post_action() == 0, "no run"); },
+      [&] { stopUnless(preAction() + execute(block.data()) + postAction() == 0, "no run"); });
+  state.counters["beyond_the_calls_ns"] = pair.Call() - pair.Limit();  // under 1000
+  ::dlclose(plugin);
+}
+BENCHMARK(RunThroughTheEngine)->UseManualTime()->Iterations(kRounds);
 
 // An engine whose operations do nothing but trace.
 class IdleEngine : public StatisticsX {

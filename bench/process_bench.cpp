@@ -38,7 +38,7 @@ class Home {
     fs::create_directory(m_directory.Path("bin"));
     fs::create_symlink(VEXADX_STAGED_HOME "/bin/startx", m_directory.Path("bin/startx"));
     std::ofstream configuration(m_directory.Path("bin/vexadxcfg.ini"));
-    configuration << "[nothing]\nLIB_NAME=benchplugin\nLIB_PATH=" BENCH_PROGRAMS "\n";
+    configuration << "[nothing]\nLIB_NAME=benchplugin\nLIB_PATH=" BENCH_PROGRAMS "/lib\n";
     for (const Language* language : kLanguages) {
       configuration << "[" << language->name << "]\nLIB_NAME=" << language->library
                     << "\nLIB_PATH=" VEXADX_STAGED_HOME "/lib\nARGS=" << language->arguments << "\n";

@@ -1,3 +1,4 @@
+#include <mutex>
 #include <string>
 
 #include "blocks.h"
@@ -12,13 +13,31 @@
 
 namespace {
 
-// The report that gets the engine's output: an output function has no argument of its own for it.
+// The report that gets the engine's output: an output function has no argument of its own for it. Null when there is
+// none, for threads of an engine may go on printing when it has been stopped.
 Report* gOutputReport = nullptr;
+std::mutex gOutputGuard;  // of the pointer, and held while it is used
 
 int PostOutput(const char* text, int length) {
-  if (length > 0) gOutputReport->Output({text, static_cast<std::size_t>(length)});
+  const std::lock_guard guard(gOutputGuard);
+  if (gOutputReport && text && length > 0) gOutputReport->Output({text, static_cast<std::size_t>(length)});
   return 0;
 }
+
+// Has the report get it, for a scope.
+class OutputReport {
+ public:
+  explicit OutputReport(Report* report) { Set(report); }
+  ~OutputReport() { Set(nullptr); }
+  OutputReport(const OutputReport&) = delete;
+  OutputReport& operator=(const OutputReport&) = delete;
+
+ private:
+  static void Set(Report* report) {
+    const std::lock_guard guard(gOutputGuard);
+    gOutputReport = report;
+  }
+};
 
 Session::Place PlaceOf(const CommandLine& commandLine, XConfigOptions& options) {
   const bool configured = options.IsInnerProcess() && options.XName() != kJavaExtension;
@@ -82,10 +101,8 @@ int Run(const CommandLine& commandLine, Report& report) {
   Session session(options, PlaceOf(commandLine, options),
                   commandLine.threaded ? Session::Thread::kOwn : Session::Thread::kCalling);
   session.Load();
-  if (report.IsJson()) {
-    gOutputReport = &report;
-    session.SendOutputTo(&PostOutput);
-  }
+  const OutputReport output(&report);
+  if (report.IsJson()) session.SendOutputTo(&PostOutput);
   if (options.XName() == kJavaExtension) return RunBlocks(session, commandLine, options, blocks, report);
   report.Start(session.Start(), commandLine.verbose);
   const int status = RunBlocks(session, commandLine, options, blocks, report);

@@ -105,20 +105,6 @@ TEST_F(InProcess, WithoutAMandatoryEntryPointAnswers99114) {
   EXPECT_EQ(6, engine->pre_action());
 }
 
-TEST_F(InProcess, LetsNoExceptionOfThePluginOut) {
-  const auto engine = Engine("ctest");
-  char thrown[] = "666";
-  char* arguments[] = {thrown, nullptr};
-  EXPECT_EQ(1, engine->init_embedded_x(1, arguments));
-  ASSERT_EQ(0, engine->init_embedded_x(0, nullptr));
-  EXPECT_EQ(1, engine->execute_x(thrown));
-  for (const char* variable : {"CTEST_PRE", "CTEST_POST", "CTEST_STOP"}) ::setenv(variable, "666", 1);
-  EXPECT_EQ(1, engine->pre_action());
-  EXPECT_EQ(1, engine->post_action());
-  EXPECT_EQ(1, engine->stop_embedded_x());
-  EXPECT_EQ("The plug-in's stop_embedded_x threw an exception.", *(Traced().end() - 2));
-}
-
 TEST_F(InProcess, OptionalEntryPointsMayBeMissing) {
   for (const std::string missing : {"setup_dxcallback", "set_post_vexa_output"}) {
     const auto engine = Engine("without_" + missing);

@@ -1,7 +1,7 @@
 // A plug-in library for the tests. Its codes come from the environment (CTEST_INIT, CTEST_PRE, CTEST_POST, CTEST_STOP;
-// 0 when unset) and a block's from its text; the code 666 is thrown instead, the block "wait" never ends, and the block
-// "child" starts a process that lives for a minute. The last block's text is in the file CTEST_BLOCK. Compiled with
-// WITHOUT_<entry point> it lacks that one.
+// 0 when unset) and a block's from its text; the block "wait" never ends, and the block "child" starts a process that
+// lives for a minute. The last block's text is in the file CTEST_BLOCK. Compiled with WITHOUT_<entry point> it lacks that
+// one.
 
 #include <pthread.h>
 #include <unistd.h>
@@ -14,15 +14,9 @@
 
 namespace {
 
-int codeOf(const char* text) {
-  const int code = std::atoi(text);
-  if (code == 666) throw code;
-  return code;
-}
-
 int codeFrom(const char* variable) {
   const char* text = std::getenv(variable);
-  return text ? codeOf(text) : 0;
+  return text ? std::atoi(text) : 0;
 }
 
 // In the wait for a condition the thread can be cancelled, also in the eyes of the thread sanitizer.
@@ -49,7 +43,7 @@ ENTRY_POINT void setup_dxcallback(void* callback) { *static_cast<int*>(callback)
 
 #ifndef WITHOUT_init_embedded_x
 ENTRY_POINT int init_embedded_x(int argc, char** argv) {
-  if (argc > 0) return codeOf(argv[0]);
+  if (argc > 0) return std::atoi(argv[0]);
   return codeFrom("CTEST_INIT");
 }
 #endif
@@ -60,7 +54,7 @@ ENTRY_POINT int execute_x(char* syntax) {
   if (const char* const file = std::getenv("CTEST_BLOCK")) std::ofstream(file, std::ios::binary) << syntax;
   if (std::strncmp(syntax, "wait", 4) == 0) waitForEver();
   if (std::strncmp(syntax, "child", 5) == 0) startChild();
-  return codeOf(syntax);
+  return std::atoi(syntax);
 }
 #endif
 

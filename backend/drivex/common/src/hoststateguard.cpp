@@ -6,32 +6,106 @@
 #include <cfenv>
 #endif
 
-#include <clocale>
-#include <cstring>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <clocale>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "cancellationguard.h"
 #include "dxtraceline.h"
 
 namespace {
 
-bool isFaultSignal(int signal) { return signal == SIGSEGV || signal == SIGBUS || signal == SIGFPE || signal == SIGILL; }
+constexpr int kStandardStreams = kHostStateItems - kStandardStream;
 
-std::string signalName(int signal) {
+std::string nameOf(int item) {
+  switch (item) {
+    case kSignalMask:
+      return "signal mask";
+    case kRoundingMode:
+      return "rounding mode";
+    case kFlushToZero:
+      return "flush-to-zero";
+    case kFloatingPointControl:
+      return "floating-point control";
+    case kLocale:
+      return "locale";
+    case kWorkingDirectory:
+      return "working directory";
+    case kUmask:
+      return "umask";
+    case kStandardStream + STDIN_FILENO:
+      return "standard input";
+    case kStandardStream + STDOUT_FILENO:
+      return "standard output";
+    case kStandardStream + STDERR_FILENO:
+      return "standard error";
+    default:
+      break;
+  }
 #ifdef __GLIBC__
-  if (const char* name = ::sigabbrev_np(signal)) return std::string("SIG") + name;
+  if (const char* name = ::sigabbrev_np(item)) return std::string("SIG") + name;
 #endif
-  return "signal " + std::to_string(signal);
+  return "signal " + std::to_string(item);
 }
 
-// Signal by signal: what a set holds behind its last signal is left to chance.
+// A guard ends in whatever state memory is.
+void tell(const char* what, const char* outcome, const HostStateItems& items,
+          std::vector<std::string>* names) noexcept {
+  if (items.none()) return;
+  try {
+    std::string list;
+    for (int item = 1; item < kHostStateItems; ++item) {
+      if (!items.test(static_cast<std::size_t>(item))) continue;
+      const std::string name = nameOf(item);
+      list += (list.empty() ? "" : ", ") + name;
+      if (names && std::find(names->begin(), names->end(), name) == names->end()) names->push_back(name);
+    }
+    TraceLine({"HostStateGuard ", outcome, " what ", what, " changed: ", list});
+  } catch (const std::bad_alloc&) {
+  }
+}
+
+// Whether it is the C library's own. A thread that is cancelled unwinds out of the handler of one.
+bool isReserved([[maybe_unused]] int signal) {
+#ifdef __linux__
+  constexpr int kFirstRealtimeSignal = 32;
+  return signal >= kFirstRealtimeSignal && signal < SIGRTMIN;
+#else
+  return false;
+#endif
+}
+
+// Signal by signal where they differ: what a set holds behind its last signal is left to chance.
 bool isSame(const sigset_t& a, const sigset_t& b) {
+  if (std::memcmp(&a, &b, sizeof a) == 0) return true;
   for (int signal = 1; signal < NSIG; ++signal) {
+    if (isReserved(signal)) continue;
     if (sigismember(&a, signal) != sigismember(&b, signal)) return false;
   }
   return true;
 }
 
 bool isSame(const struct sigaction& a, const struct sigaction& b) {
-  return a.sa_handler == b.sa_handler && a.sa_flags == b.sa_flags && isSame(a.sa_mask, b.sa_mask);
+#ifdef __linux__
+  constexpr int kHasRestorer = 0x04000000;  // the C library adds it to what it sets
+#else
+  constexpr int kHasRestorer = 0;
+#endif
+  return a.sa_handler == b.sa_handler && ((a.sa_flags ^ b.sa_flags) & ~kHasRestorer) == 0 &&
+         isSame(a.sa_mask, b.sa_mask);
 }
 
 // False for the numbers the system keeps to itself.
@@ -39,73 +113,298 @@ bool getDisposition(int signal, struct sigaction& disposition) {
   return ::sigaction(signal, nullptr, &disposition) == 0;
 }
 
+bool isFaultOfJava(int signal, const struct sigaction& current) {
+  if (signal != SIGSEGV && signal != SIGBUS && signal != SIGFPE && signal != SIGILL) return false;
+  Dl_info library{};
+  if (::dladdr(reinterpret_cast<void*>(current.sa_handler), &library) == 0 || !library.dli_fname) return false;
+  const std::string_view path = library.dli_fname;
+  return path.substr(path.rfind('/') + 1).starts_with("libjvm.");
+}
+
+class Descriptor {
+ public:
+  explicit Descriptor(int number = -1) : m_number(number) {}
+  ~Descriptor() {
+    if (IsOpen()) (void)::close(m_number);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  int Number() const { return m_number; }
+  bool IsOpen() const { return m_number != -1; }
+
+ private:
+  const int m_number;
+};
+
+Descriptor openWorkingDirectory() {
+#ifdef O_PATH
+  return Descriptor(::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC));  // also where it may not be read
+#else
+  return Descriptor(::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+#endif
+}
+
+Descriptor duplicate(int stream) { return Descriptor(::fcntl(stream, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)); }
+
+// None where it cannot be told.
+std::optional<mode_t> currentUmask() {
+#ifdef __linux__
+  // The call that answers it also sets it, for the files that other threads are making.
+  const Descriptor status(::open("/proc/self/status", O_RDONLY | O_CLOEXEC));
+  std::array<char, 1024> text{};  // it is among the first lines
+  if (!status.IsOpen() || ::read(status.Number(), text.data(), text.size() - 1) <= 0) return std::nullopt;
+  constexpr std::string_view kKey = "\nUmask:";
+  const char* const line = std::strstr(text.data(), kKey.data());
+  if (!line) return std::nullopt;
+  return static_cast<mode_t>(std::strtoul(line + kKey.size(), nullptr, 8));
+#else
+  const mode_t current = ::umask(S_IRWXG | S_IRWXO);  // the file that another thread makes just then is at least safe
+  (void)::umask(current);
+  return current;
+#endif
+}
+
+std::string currentLocale() { return std::setlocale(LC_ALL, nullptr); }
+
+// The calls under way. Never destroyed: the last may end after everything else of the process.
+struct Calls {
+  std::mutex guard;                   // innermost
+  int threads = 0;                    // that have one
+  unsigned long unguardedEvents = 0;  // beginnings and ends
+  std::string locale;                 // before the first of them
+  bool isLocaleToBePutBack = false;   // after the last
+};
+Calls& gCalls = *new Calls;
+thread_local int tCalls = 0;  // within one another
+
 }  // namespace
 
-HostStateGuard::FloatingPointControl HostStateGuard::FloatingPointControl::Current() {
+ForeignCall::ForeignCall(Kind kind) : m_kind(kind) {
+  if (tCalls == 0) {
+    const std::lock_guard lock(gCalls.guard);
+    if (gCalls.threads == 0) gCalls.locale = std::setlocale(LC_ALL, nullptr);
+    ++gCalls.threads;
+    if (m_kind == Kind::kUnguarded) ++gCalls.unguardedEvents;
+  }
+  ++tCalls;
+}
+
+ForeignCall::~ForeignCall() {
+  if (--tCalls > 0) return;
+  const std::lock_guard lock(gCalls.guard);
+  --gCalls.threads;
+  if (m_kind == Kind::kUnguarded) ++gCalls.unguardedEvents;
+  if (gCalls.threads > 0 || !std::exchange(gCalls.isLocaleToBePutBack, false)) return;
+  if (gCalls.locale != std::setlocale(LC_ALL, nullptr)) std::setlocale(LC_ALL, gCalls.locale.c_str());
+}
+
+bool ForeignCall::IsOutermostHere() { return tCalls == 1; }
+
+unsigned long ForeignCall::UnguardedEvents() {
+  const std::lock_guard lock(gCalls.guard);
+  return gCalls.unguardedEvents;
+}
+
+void ForeignCall::PutBackLocaleInTheEnd() {
+  const std::lock_guard lock(gCalls.guard);
+  gCalls.isLocaleToBePutBack = true;
+}
+
+ThreadState::FloatingPointControl ThreadState::FloatingPointControl::Current() {
   FloatingPointControl current{};
-#ifdef __x86_64__
+#if defined(__x86_64__)
   constexpr unsigned kRaised = 0x3F;
-  __asm__ volatile("fnstcw %0" : "=m"(current.x87));
+  unsigned short x87 = 0;
+  __asm__ volatile("fnstcw %0" : "=m"(x87));
+  current.x87 = x87;
   current.sse = _mm_getcsr() & ~kRaised;
+#elif defined(__aarch64__)
+  __asm__ volatile("mrs %0, fpcr" : "=r"(current.fpcr));
 #else
   current.rounding = std::fegetround();
 #endif
   return current;
 }
 
-void HostStateGuard::FloatingPointControl::Apply() const {
-#ifdef __x86_64__
-  __asm__ volatile("fldcw %0" : : "m"(x87));
+void ThreadState::FloatingPointControl::Apply() const {
+#if defined(__x86_64__)
+  const auto control = static_cast<unsigned short>(x87);
+  __asm__ volatile("fldcw %0" : : "m"(control));
   _mm_setcsr(sse);
+#elif defined(__aarch64__)
+  __asm__ volatile("msr fpcr, %0" : : "r"(fpcr));
 #else
   std::fesetround(rounding);
 #endif
 }
 
-HostStateGuard::HostStateGuard(FaultSignals faultSignals)
-    : m_faultSignals(faultSignals),
-      m_locale(std::setlocale(LC_ALL, nullptr)),
-      m_floatingPoint(FloatingPointControl::Current()) {
-  for (int signal = 1; signal < NSIG; ++signal) (void)getDisposition(signal, m_dispositions[signal]);
+HostStateItems ThreadState::FloatingPointControl::ChangesIn(const FloatingPointControl& now) const {
+  HostStateItems changes;
+#if defined(__x86_64__)
+  constexpr unsigned kRoundingOfX87 = 0x0C00;
+  constexpr unsigned kRounding = 0x6000;
+  constexpr unsigned kToZero = 0x8040;  // results, and operands
+  const unsigned differentX87 = x87 ^ now.x87;
+  const unsigned different = sse ^ now.sse;
+  changes[kRoundingMode] = (differentX87 & kRoundingOfX87) != 0 || (different & kRounding) != 0;
+  changes[kFlushToZero] = (different & kToZero) != 0;
+  changes[kFloatingPointControl] = (differentX87 & ~kRoundingOfX87) != 0 || (different & ~(kRounding | kToZero)) != 0;
+#elif defined(__aarch64__)
+  constexpr unsigned long long kRounding = 3ULL << 22;
+  constexpr unsigned long long kToZero = 1ULL << 24;
+  const unsigned long long different = fpcr ^ now.fpcr;
+  changes[kRoundingMode] = (different & kRounding) != 0;
+  changes[kFlushToZero] = (different & kToZero) != 0;
+  changes[kFloatingPointControl] = (different & ~(kRounding | kToZero)) != 0;
+#else
+  changes[kRoundingMode] = rounding != now.rounding;
+#endif
+  return changes;
+}
+
+ThreadState::ThreadState() : m_floatingPoint(FloatingPointControl::Current()) {
   ::pthread_sigmask(SIG_SETMASK, nullptr, &m_mask);
 }
 
-// The mask comes last: a signal it lets through must meet the host's own handler and state.
-HostStateGuard::~HostStateGuard() {
-  std::string changes;
-  PutBackLocale(changes);
-  PutBackFloatingPoint(changes);
-  PutBackDispositions(changes);
-  PutBackMask(changes);
-  if (!changes.empty()) TraceLine({"HostStateGuard put back", changes});
+// The mask comes last: a signal it lets through must meet the host's own state.
+HostStateItems ThreadState::PutBack() const {
+  HostStateItems changes;
+  if (const auto now = FloatingPointControl::Current(); now != m_floatingPoint) {
+    changes = m_floatingPoint.ChangesIn(now);
+    m_floatingPoint.Apply();
+  }
+  sigset_t mask{};
+  ::pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+  if (!isSame(mask, m_mask)) {
+    ::pthread_sigmask(SIG_SETMASK, &m_mask, nullptr);
+    changes.set(kSignalMask);
+  }
+  return changes;
 }
 
-void HostStateGuard::PutBackDispositions(std::string& changes) const {
+ThreadStateGuard::~ThreadStateGuard() { tell(m_what, "put back", m_thread.PutBack(), m_names); }
+
+// What belongs to the process.
+class HostStateGuard::Process {
+ public:
+  Process();
+
+  HostStateItems Changes() const;
+  void PutBack(const HostStateItems& items) const;
+
+  // Whether no unguarded call has begun or ended since.
+  bool IsAlone() const { return m_unguardedEvents == ForeignCall::UnguardedEvents(); }
+
+ private:
+  const unsigned long m_unguardedEvents = ForeignCall::UnguardedEvents();  // before all others are looked at
+  const std::string m_locale = currentLocale();
+  const std::optional<mode_t> m_umask = currentUmask();
+  const Descriptor m_directory = openWorkingDirectory();
+  const std::array<Descriptor, kStandardStreams> m_streams{duplicate(STDIN_FILENO), duplicate(STDOUT_FILENO),
+                                                           duplicate(STDERR_FILENO)};
+  std::array<struct sigaction, NSIG> m_dispositions{};  // by signal number
+};
+
+HostStateGuard::Process::Process() {
+  for (int signal = 1; signal < NSIG; ++signal) (void)getDisposition(signal, m_dispositions[signal]);
+}
+
+HostStateItems HostStateGuard::Process::Changes() const {
+  HostStateItems changes;
   for (int signal = 1; signal < NSIG; ++signal) {
-    if (m_faultSignals == FaultSignals::kLeave && isFaultSignal(signal)) continue;
     struct sigaction current {};
     if (!getDisposition(signal, current) || isSame(current, m_dispositions[signal])) continue;
-    ::sigaction(signal, &m_dispositions[signal], nullptr);
-    changes += " " + signalName(signal);
+    changes[static_cast<std::size_t>(signal)] = !isFaultOfJava(signal, current);
+  }
+  changes[kLocale] = m_locale != std::setlocale(LC_ALL, nullptr);
+  if (m_umask) changes[kUmask] = currentUmask().value_or(*m_umask) != *m_umask;
+  struct stat before {};
+  struct stat now {};
+  if (m_directory.IsOpen() && ::fstat(m_directory.Number(), &before) == 0 && ::stat(".", &now) == 0) {
+    changes[kWorkingDirectory] = before.st_dev != now.st_dev || before.st_ino != now.st_ino;
+  }
+  for (int stream = 0; stream < kStandardStreams; ++stream) {
+    const bool isClosed = ::fcntl(stream, F_GETFD) == -1 && errno == EBADF;
+    changes[static_cast<std::size_t>(kStandardStream + stream)] =
+        isClosed && m_streams[static_cast<std::size_t>(stream)].IsOpen();
+  }
+  return changes;
+}
+
+void HostStateGuard::Process::PutBack(const HostStateItems& items) const {
+  if (items.test(kLocale)) std::setlocale(LC_ALL, m_locale.c_str());
+  if (items.test(kUmask)) (void)::umask(*m_umask);
+  if (items.test(kWorkingDirectory)) (void)!::fchdir(m_directory.Number());
+  for (int stream = 0; stream < kStandardStreams; ++stream) {
+    const Descriptor& kept = m_streams[static_cast<std::size_t>(stream)];
+    if (items.test(static_cast<std::size_t>(kStandardStream + stream))) (void)::dup2(kept.Number(), stream);
+  }
+  for (int signal = 1; signal < NSIG; ++signal) {
+    if (items.test(static_cast<std::size_t>(signal))) (void)::sigaction(signal, &m_dispositions[signal], nullptr);
   }
 }
 
-void HostStateGuard::PutBackMask(std::string& changes) const {
-  sigset_t current{};
-  ::pthread_sigmask(SIG_SETMASK, nullptr, &current);
-  if (isSame(current, m_mask)) return;
-  ::pthread_sigmask(SIG_SETMASK, &m_mask, nullptr);
-  changes += " signal mask";
+namespace {
+
+// What the guards on several threads share. Outer to the lock of the calls; held over system calls.
+struct Shared {
+  std::mutex guard;
+  std::weak_ptr<const void> process;
+};
+Shared& gShared = *new Shared;
+
+}  // namespace
+
+HostStateGuard::HostStateGuard(const char* what, OnChange onChange, std::vector<std::string>* names)
+    : m_call(onChange == OnChange::kPutBack ? ForeignCall::Kind::kGuarded : ForeignCall::Kind::kUnguarded),
+      m_what(what),
+      m_onChange(onChange),
+      m_names(names),
+      m_isShared(onChange == OnChange::kPutBack && ForeignCall::IsOutermostHere()),
+      m_process(Find()) {}
+
+HostStateGuard::~HostStateGuard() {
+  const int error = errno;
+  HostStateItems putBack;
+  HostStateItems left;
+  EndOfProcess(putBack, left);
+  putBack |= m_thread.PutBack();
+  tell(m_what, "put back", putBack, m_names);
+  tell(m_what, "left", left, m_names);
+  errno = error;
 }
 
-void HostStateGuard::PutBackLocale(std::string& changes) const {
-  if (m_locale == std::setlocale(LC_ALL, nullptr)) return;
-  std::setlocale(LC_ALL, m_locale.c_str());
-  changes += " locale";
+std::shared_ptr<const HostStateGuard::Process> HostStateGuard::Find() const {
+  const CancellationGuard noLeak;
+  if (!m_isShared) return std::make_shared<const Process>();
+  const std::lock_guard lock(gShared.guard);
+  auto process = std::static_pointer_cast<const Process>(gShared.process.lock());
+  if (!process) process = std::make_shared<const Process>();
+  gShared.process = process;
+  return process;
 }
 
-void HostStateGuard::PutBackFloatingPoint(std::string& changes) const {
-  if (FloatingPointControl::Current() == m_floatingPoint) return;
-  m_floatingPoint.Apply();
-  changes += " floating-point control";
+void HostStateGuard::EndOfProcess(HostStateItems& putBack, HostStateItems& left) {
+  const CancellationGuard noUnwinding;
+  std::unique_lock lock(gShared.guard, std::defer_lock);
+  if (m_isShared) lock.lock();
+  if (m_isShared && m_process.use_count() > 1) {
+    m_process.reset();  // the last one will see
+    return;
+  }
+  const HostStateItems changes = m_process->Changes();
+  if (m_onChange == OnChange::kLeave) {
+    left = changes;
+  } else if (m_process->IsAlone()) {
+    putBack = changes;
+    m_process->PutBack(putBack);
+  } else {
+    left[kWorkingDirectory] = changes.test(kWorkingDirectory);
+    left[kUmask] = changes.test(kUmask);
+    putBack = changes & ~left;
+    m_process->PutBack(HostStateItems(putBack).reset(kLocale));
+    ForeignCall::PutBackLocaleInTheEnd();
+  }
+  m_process.reset();
 }

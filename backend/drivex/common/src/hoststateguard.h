@@ -2,48 +2,130 @@
 
 #include <signal.h>
 
-#include <array>
+#include <bitset>
+#include <memory>
 #include <string>
+#include <vector>
 
-// Keeps the host's own state while foreign code runs in its process (a Java machine that starts, a language runtime):
-// what that code changed is put back at the end, and one trace line names it. Kept are the signal dispositions and the
-// locale of the process, and the signal mask and the floating-point control of the calling thread, which must also be
-// the one that ends the guard.
-class HostStateGuard {
+// What is the host's own while foreign code runs in its process: a Java machine that starts, a plug-in.
+//
+// Of the thread these are the signal mask and the floating-point control; of the process the signal dispositions, the
+// locale, the working directory, the file-creation mask, and that the standard streams are open. What cannot be looked
+// at is left alone, and so are the signals of faults (SIGSEGV, SIGBUS, SIGFPE, SIGILL) where a Java machine handles
+// them: it cannot work without.
+
+// Some of it. The first are the signals' dispositions, by their numbers.
+enum HostStateItem {
+  kSignalMask = NSIG,
+  kRoundingMode,
+  kFlushToZero,
+  kFloatingPointControl,  // the rest of it
+  kLocale,
+  kWorkingDirectory,
+  kUmask,
+  kStandardStream,  // and the two after it
+  kHostStateItems = kStandardStream + 3
+};
+using HostStateItems = std::bitset<kHostStateItems>;
+
+// What belongs to the calling thread, as it is at the construction.
+class ThreadState {
  public:
-  // The signals of faults (SIGSEGV, SIGBUS, SIGFPE, SIGILL) belong to a Java machine as long as one lives: it cannot
-  // work without its handlers.
-  enum class FaultSignals { kPutBack, kLeave };
+  ThreadState();
 
-  explicit HostStateGuard(FaultSignals faultSignals);
-  ~HostStateGuard();
-  HostStateGuard(const HostStateGuard&) = delete;
-  HostStateGuard& operator=(const HostStateGuard&) = delete;
+  // Puts back what is different, and answers it. REQUIRES: the same thread.
+  HostStateItems PutBack() const;
 
  private:
   // Rounding, precision, exception masks and the treatment of denormal numbers, without the exceptions raised so far.
   struct FloatingPointControl {
     static FloatingPointControl Current();
     void Apply() const;
+    HostStateItems ChangesIn(const FloatingPointControl& now) const;
     bool operator==(const FloatingPointControl&) const = default;
 
-#ifdef __x86_64__
-    unsigned short x87;
+#if defined(__x86_64__)
+    unsigned x87;
     unsigned sse;
+#elif defined(__aarch64__)
+    unsigned long long fpcr;
 #else
     int rounding;
 #endif
   };
 
-  // Each appends to `changes` what it had to put back.
-  void PutBackDispositions(std::string& changes) const;
-  void PutBackMask(std::string& changes) const;
-  void PutBackLocale(std::string& changes) const;
-  void PutBackFloatingPoint(std::string& changes) const;
-
-  const FaultSignals m_faultSignals;
-  std::array<struct sigaction, NSIG> m_dispositions{};  // by signal number
   sigset_t m_mask{};
-  std::string m_locale;
   FloatingPointControl m_floatingPoint;
+};
+
+// A call of foreign code, which may change the locale for as long as it lasts, as R does for each block: what another
+// thread finds meanwhile is not the host's. Calls within a call on the same thread do not count.
+class ForeignCall {
+ public:
+  enum class Kind { kGuarded, kUnguarded };  // whether what it changes of the process is put back in the end
+
+  explicit ForeignCall(Kind kind);
+  ~ForeignCall();
+  ForeignCall(const ForeignCall&) = delete;
+  ForeignCall& operator=(const ForeignCall&) = delete;
+
+  static bool IsOutermostHere();
+
+  // How many unguarded calls have begun and ended.
+  static unsigned long UnguardedEvents();
+
+  // When no thread has a call, the locale becomes what it was before the first of them.
+  static void PutBackLocaleInTheEnd();
+
+ private:
+  const Kind m_kind;
+};
+
+// Guards all of it for a scope, which begins and ends on the same thread, and traces what was changed in it. Guards on
+// several threads share what the first of them found, and the last to end puts it back. Where unguarded calls on other
+// threads have begun or ended meanwhile, the locale is put back when all calls have ended, and working directory and
+// umask, which may be theirs, are left.
+class HostStateGuard {
+ public:
+  enum class OnChange {
+    kPutBack,
+    kLeave,  // but for what belongs to the thread, which is put back all the same
+  };
+
+  // `what` runs in the scope; a literal, for the trace. The names of what was changed go to `names` in the end, each
+  // once, unless that is null.
+  explicit HostStateGuard(const char* what, OnChange onChange = OnChange::kPutBack,
+                          std::vector<std::string>* names = nullptr);
+  ~HostStateGuard();
+  HostStateGuard(const HostStateGuard&) = delete;
+  HostStateGuard& operator=(const HostStateGuard&) = delete;
+
+ private:
+  class Process;
+
+  std::shared_ptr<const Process> Find() const;
+  void EndOfProcess(HostStateItems& putBack, HostStateItems& left);
+
+  const ForeignCall m_call;  // the last to end
+  const char* const m_what;
+  const OnChange m_onChange;
+  std::vector<std::string>* const m_names;
+  const bool m_isShared;
+  std::shared_ptr<const Process> m_process;
+  const ThreadState m_thread;
+};
+
+// Guards what belongs to the thread: cheap enough for every block.
+class ThreadStateGuard {
+ public:
+  ThreadStateGuard(const char* what, std::vector<std::string>* names) : m_what(what), m_names(names) {}
+  ~ThreadStateGuard();
+  ThreadStateGuard(const ThreadStateGuard&) = delete;
+  ThreadStateGuard& operator=(const ThreadStateGuard&) = delete;
+
+ private:
+  const ForeignCall m_call{ForeignCall::Kind::kUnguarded};
+  const char* const m_what;
+  std::vector<std::string>* const m_names;
+  const ThreadState m_thread;
 };

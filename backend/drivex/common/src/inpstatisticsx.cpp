@@ -7,8 +7,10 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "dxtraceline.h"
+#include "hoststateguard.h"
 #include "vexadx_codes.h"
 #include "vexadx_plugin.h"
 
@@ -21,12 +23,12 @@ void putIntoEnvironment(const std::map<std::string, std::string>& variables) {
   }
 }
 
-// The code of an entry point. An exception of the plug-in's own must not reach the host; the unwinding of a cancelled
-// thread looks like one and has to go on.
-template <typename EntryPoint>
-int codeOf(const char* name, EntryPoint entry) {
+// What a guarded entry point answers. An exception of the plug-in's own must not reach the host; the unwinding of a
+// cancelled thread looks like one and has to go on.
+template <typename Guarded>
+int codeOf(const char* name, Guarded guarded) {
   try {
-    return entry();
+    return guarded();
 #ifdef __GLIBCXX__
   } catch (const abi::__forced_unwind&) {
     throw;
@@ -50,7 +52,8 @@ InpStatisticsX::InpStatisticsX(XConfigOptions* options, bool vexaDrive)
       m_postAction(nullptr),
       m_options(options),
       m_library(nullptr),
-      m_lastCode(vexadx::kSuccess) {
+      m_lastCode(vexadx::kSuccess),
+      m_guarding(vexadx::HostStateGuarding::kThread) {
   (void)loadXlib();  // every later operation answers the code
 }
 
@@ -111,34 +114,58 @@ int InpStatisticsX::resolveEntryPoints() {
   return m_lastCode;
 }
 
+// An entry point around the blocks.
+template <typename EntryPoint>
+int InpStatisticsX::callAround(const char* name, EntryPoint entry) {
+  return codeOf(name, [&] {
+    const HostStateGuard guard(name, HostStateGuard::OnChange::kPutBack, &m_hostStateChanges);
+    return entry();
+  });
+}
+
+// One of those that make up a run.
+template <typename EntryPoint>
+int InpStatisticsX::callWithin(const char* name, EntryPoint entry) {
+  using OnChange = HostStateGuard::OnChange;
+  return codeOf(name, [&] {
+    if (m_guarding == vexadx::HostStateGuarding::kThread) {
+      const ThreadStateGuard guard(name, &m_hostStateChanges);
+      return entry();
+    }
+    const bool putBack = m_guarding == vexadx::HostStateGuarding::kRestore;
+    const HostStateGuard guard(name, putBack ? OnChange::kPutBack : OnChange::kLeave, &m_hostStateChanges);
+    return entry();
+  });
+}
+
 int InpStatisticsX::x_init_embedded_x(int argc, char** argv) {
-  if (m_initEmbeddedX) m_lastCode = codeOf("init_embedded_x", [&] { return m_initEmbeddedX(argc, argv); });
+  if (m_initEmbeddedX) m_lastCode = callAround("init_embedded_x", [&] { return m_initEmbeddedX(argc, argv); });
   return m_lastCode;
 }
 
 int InpStatisticsX::x_execute_x(char* syntax) {
-  if (m_executeX) m_lastCode = codeOf("execute_x", [&] { return m_executeX(syntax); });
+  if (m_executeX) m_lastCode = callWithin("execute_x", [&] { return m_executeX(syntax); });
   return m_lastCode;
 }
 
 int InpStatisticsX::x_stop_embedded_x() {
-  if (m_stopEmbeddedX) m_lastCode = codeOf("stop_embedded_x", m_stopEmbeddedX);
+  if (m_stopEmbeddedX) m_lastCode = callAround("stop_embedded_x", m_stopEmbeddedX);
   return m_lastCode;
 }
 
 int InpStatisticsX::x_pre_action() {
-  if (m_preAction) m_lastCode = codeOf("pre_action", m_preAction);
+  if (m_preAction) m_lastCode = callWithin("pre_action", m_preAction);
   return m_lastCode;
 }
 
 int InpStatisticsX::x_post_action() {
-  if (m_postAction) m_lastCode = codeOf("post_action", m_postAction);
+  if (m_postAction) m_lastCode = callWithin("post_action", m_postAction);
   return m_lastCode;
 }
 
 void InpStatisticsX::x_setup_dxcallback(void* callback) {
   if (!m_setupDxcallback) return;
-  (void)codeOf("setup_dxcallback", [&] {
+  (void)callAround("setup_dxcallback", [&] {
     m_setupDxcallback(callback);
     return vexadx::kSuccess;
   });
@@ -146,7 +173,7 @@ void InpStatisticsX::x_setup_dxcallback(void* callback) {
 
 void InpStatisticsX::x_set_post_vexa_output(int (*output)(const char* text, int length)) {
   if (!m_setPostVexaOutput) return;
-  (void)codeOf("set_post_vexa_output", [&] {
+  (void)callAround("set_post_vexa_output", [&] {
     m_setPostVexaOutput(output);
     return vexadx::kSuccess;
   });
@@ -154,3 +181,13 @@ void InpStatisticsX::x_set_post_vexa_output(int (*output)(const char* text, int 
 
 int InpStatisticsX::x_get_library_lock() { return 0; }
 int InpStatisticsX::x_release_library_lock() { return 0; }
+
+namespace vexadx {
+
+void GuardHostState(InpStatisticsX& engine, HostStateGuarding guarding) { engine.m_guarding = guarding; }
+
+std::vector<std::string> HostStateChanges(InpStatisticsX& engine) {
+  return std::exchange(engine.m_hostStateChanges, {});
+}
+
+}  // namespace vexadx

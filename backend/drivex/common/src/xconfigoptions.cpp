@@ -116,14 +116,13 @@ class AttachedThread {
   JNIEnv* m_env;
 };
 
-// Held while the Java machine is started: a second guard made meanwhile would take what the machine has changed so far
-// for the host's own state. Outer to the bridge's and the tracer's locks.
+// Held while the Java machine is started: one thread does. Outer to the bridge's and the tracer's locks.
 std::mutex gStartGuard;
 
 bool startedJVM(VexaJVM& jvm) {
   const std::lock_guard lock(gStartGuard);
   if (jvm.IsStarted()) return true;
-  const HostStateGuard guard(HostStateGuard::FaultSignals::kLeave);
+  const HostStateGuard guard("the start of the Java machine");
   return jvm.StartJVM();
 }
 
