@@ -170,6 +170,7 @@ class Server : private DXCmdDispatcherVisitor {
         m_blocks(prefix + "0" + XPipes::SYNTAX_PIPE),
         m_results(prefix + "0" + XPipes::SYNTAX_RESULT_PIPE) {
     (void)m_blocks.CreatePipe();
+    makeSmall(m_blocks);
   }
 
   // Until the host stops it or has gone.
@@ -214,7 +215,10 @@ class Server : private DXCmdDispatcherVisitor {
 
   bool run() {
     m_faults.At("begin-answered");
-    if (!m_results.HasPipe()) (void)m_results.OpenPipeToWrite();
+    if (!m_results.HasPipe()) {
+      makeSmall(m_results);
+      (void)m_results.OpenPipeToWrite();
+    }
     m_faults.At("result-open");
     CleXDSmb begun;
     if (SendData(&m_results, begun) != 0) return false;
@@ -228,14 +232,24 @@ class Server : private DXCmdDispatcherVisitor {
     CleXDSmb reply;
     reply.SetErrorCode(answer.name == "code" ? answer.number : 0);
     reply.SetString(block.GetSingleString());
-    std::string message = messageOf(reply);
-    if (m_faults.Have("half-reply")) write(message.substr(0, message.size() / 2));
+    if (m_faults.Have("half-reply")) {
+      const std::string message = messageOf(reply);
+      (void)write(message.substr(0, message.size() / 2));
+    }
     m_faults.At("half-reply");
-    if (answer.name == "longer") message += '\0';
-    if (answer.name == "twice") message += messageOf(reply);
-    const bool isSent = write(message);
+    const bool isSent = send(reply, answer.name);
     m_faults.At("replied");
     return isSent;
+  }
+
+  bool send(CleXDSmb& reply, const std::string& way) {
+    const bool isLonger = way == "longer";
+    const bool isTwice = way == "twice";
+    if (!isLonger && !isTwice && !m_faults.Have("bytewise")) return SendData(&m_results, reply) == 0;
+    std::string message = messageOf(reply);
+    if (isLonger) message += '\0';
+    if (isTwice) message += message;
+    return write(message);
   }
 
   static std::string messageOf(CleXDSmb& block) {
@@ -247,7 +261,6 @@ class Server : private DXCmdDispatcherVisitor {
 
   bool receive(CleXDSmb& block) {
     if (!m_faults.Have("bytewise")) return ReceiveData(&m_blocks, block) == 0;
-    makeSmall(m_blocks);
     std::string message;
     std::size_t length = sizeof(std::int32_t);  // of the number at its beginning, and that is the whole's
     while (message.size() < length) {
@@ -264,19 +277,20 @@ class Server : private DXCmdDispatcherVisitor {
 
   bool write(const std::string& bytes) {
     const std::size_t piece = m_faults.Have("bytewise") ? 1 : bytes.size();
-    if (m_faults.Have("bytewise")) makeSmall(m_results);
     for (std::size_t at = 0; at < bytes.size(); at += piece) {
       if (m_results.WriteData(bytes.data() + at, static_cast<int>(piece), nullptr) != 0) return false;
     }
     return true;
   }
 
-  static void makeSmall(VexaPipe& pipe) {
+  // While nothing is in it. The descriptor stays open, for a pipe that nobody has open forgets its size.
+  void makeSmall(VexaPipe& pipe) const {
 #ifdef F_SETPIPE_SZ
     constexpr int kPage = 4096;
-    const int descriptor = ::open(pipe.GetPipeName().c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
-    (void)::fcntl(descriptor, F_SETPIPE_SZ, kPage);
-    ::close(descriptor);
+    if (!m_faults.Have("bytewise")) return;
+    (void)::fcntl(::open(pipe.GetPipeName().c_str(), O_RDWR | O_CLOEXEC), F_SETPIPE_SZ, kPage);
+#else
+    (void)pipe;
 #endif
   }
 

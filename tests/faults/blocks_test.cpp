@@ -1,5 +1,6 @@
 // Blocks and replies as no well-behaved process and no small program makes them.
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -27,6 +28,14 @@ TEST_F(FaultyX, IsDrivenThroughSmallPipesByteByByte) {
   // A thread keeps the memory of a message of a middle size.
   EXPECT_TRUE(std::async(std::launch::async, [&] { return text == TextInReplyTo(text, "FAULTY"); }).get());
   EXPECT_LT(Clock::now() - begin, 60s);
+#ifdef F_GETPIPE_SZ
+  XPipes* const pipes = m_manager->getPipeSuit("FAULTY")->getXPipes();
+  for (VexaPipe* const pipe : {pipes->GetSyntaxPipe(), pipes->GetSyntaxResultPipe()}) {
+    const int descriptor = ::open(pipe->GetPipeName().c_str(), O_RDONLY | O_NONBLOCK);
+    EXPECT_EQ(4096, ::fcntl(descriptor, F_GETPIPE_SZ));
+    ::close(descriptor);
+  }
+#endif
   EXPECT_EQ(0, x.End());
   EXPECT_EQ(0, x.Stop());
 }
