@@ -6,9 +6,13 @@
 
 #include "exitstatus.h"
 #include "problem.h"
+#include "vexadx_death.h"
 
 // What a code of an engine or of the library means.
 const char* Meaning(int code);
+
+// How a process ended and in which step, in words.
+std::string EndText(const vexadx::Death& death);
 
 // How one block ended.
 struct BlockResult {
@@ -66,6 +70,9 @@ class Report {
 
   // One line for a block that failed, and with `verbose` for any.
   void Block(const BlockResult& result, bool verbose);
+
+  // What the engine's process wrote last. The error that follows has the rest in words.
+  void Death(const std::string& engine, const vexadx::Death& death);
 
   void Engine(const EngineState& engine);
   void Check(const CheckResult& result);

@@ -26,11 +26,22 @@ Session::Place PlaceOf(const CommandLine& commandLine, XConfigOptions& options) 
   return inside ? Session::Place::kThisProcess : Session::Place::kOwnProcess;
 }
 
+StartResult Start(Session& session, const XConfigOptions& options, Report& report) {
+  try {
+    return session.Start();
+  } catch (const Problem&) {
+    if (const vexadx::Death death = session.Death(); death.hasEnded) report.Death(options.XName(), death);
+    throw;
+  }
+}
+
 // A connection that breaks, and not only a block that fails, ends the run.
-void RequireEngine(Session& session, const XConfigOptions& options, int code) {
+void RequireEngine(Session& session, const XConfigOptions& options, int code, Report& report) {
   if (!session.HasLost(code)) return;
-  throw Problem(kEngineDied, "the process of the engine " + options.XName() + ' ' + session.Death(),
-                "what the blocks had computed is gone; a run with --trace FILE shows the step it was in");
+  const vexadx::Death death = session.Death();
+  report.Death(options.XName(), death);
+  throw Problem(kEngineDied, "the process of the engine " + options.XName() + ' ' + EndText(death),
+                "what the blocks had computed is gone; a run with --trace FILE shows more");
 }
 
 void Stop(Session& session, const XConfigOptions& options, Report& report) {
@@ -45,7 +56,7 @@ BlockResult RunBlock(Session& session, const CommandLine& commandLine, const XCo
                      Report& report) {
   if (options.XName() != kJavaExtension) return session.Run(block);
   PrepareJavaExtension(commandLine, block);
-  report.Start(session.Start(), commandLine.verbose);
+  report.Start(Start(session, options, report), commandLine.verbose);
   BlockResult result = session.Run(block);
   Stop(session, options, report);
   return result;
@@ -58,7 +69,7 @@ int RunBlocks(Session& session, const CommandLine& commandLine, const XConfigOpt
     const BlockResult result = RunBlock(session, commandLine, options, block, report);
     report.Block(result, commandLine.verbose);
     if (interrupt::EndRequested()) return interrupt::Status();
-    RequireEngine(session, options, result.code);
+    RequireEngine(session, options, result.code, report);
     if (result.interrupted) {
       status = interrupt::Status();
     } else if (result.code != vexadx::kSuccess && status == kAllSucceeded) {
@@ -85,9 +96,11 @@ int Run(const CommandLine& commandLine, Report& report) {
   if (report.IsJson()) {
     gOutputReport = &report;
     session.SendOutputTo(&PostOutput);
+  } else {
+    session.KeepLastLines();
   }
   if (options.XName() == kJavaExtension) return RunBlocks(session, commandLine, options, blocks, report);
-  report.Start(session.Start(), commandLine.verbose);
+  report.Start(Start(session, options, report), commandLine.verbose);
   const int status = RunBlocks(session, commandLine, options, blocks, report);
   Stop(session, options, report);
   return status;

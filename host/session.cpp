@@ -1,7 +1,7 @@
 #include "session.h"
 
 #include <signal.h>
-#include <string.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -100,18 +100,17 @@ vexadx::XProcess ProcessSoonEnded(OutpStatisticsX& engine) {
   return process;
 }
 
-std::string EndText(int status) {
-  if (status == -1) return "ended";
-  if (!WIFSIGNALED(status)) return "ended with exit status " + std::to_string(WEXITSTATUS(status));
-  const int signal = WTERMSIG(status);
-  return "was ended by signal " + std::to_string(signal) + " (" + ::strsignal(signal) + ")";
-}
-
 // How a process ended that could not be started, unless the library had to end it.
 std::string OwnEnd(OutpStatisticsX* engine) {
-  const vexadx::XProcess process = engine ? vexadx::ProcessOf(*engine) : vexadx::XProcess{};
-  const bool byItself = process.hasEnded && process.status != -1 && process.status != SIGKILL;
-  return byItself ? "; its process " + EndText(process.status) : "";
+  const vexadx::Death death = engine ? vexadx::DeathOf(*engine) : vexadx::Death{};
+  return death.hasEnded && !death.byLibrary && death.status != -1 ? "; its process " + EndText(death) : "";
+}
+
+bool IsOneFile(int descriptor, int other) {
+  struct stat first;
+  struct stat second;
+  return ::fstat(descriptor, &first) == 0 && ::fstat(other, &second) == 0 && first.st_dev == second.st_dev &&
+         first.st_ino == second.st_ino;
 }
 
 // Whether the library's child could not become the engine's program.
@@ -171,8 +170,19 @@ Session::~Session() {
 void Session::SendOutputTo(int (*output)(const char* text, int length)) {
   m_engine->set_post_vexa_output(output);
   if (!m_outside) return;
-  m_output = std::make_unique<OutputPipe>(
-      [output](std::string_view text) { (void)output(text.data(), static_cast<int>(text.size())); });
+  vexadx::KeepLastLines(*m_outside, vexadx::Streams::kBoth,
+                        [output](std::string_view text) { (void)output(text.data(), static_cast<int>(text.size())); });
+}
+
+// Two streams that go to one file stay in order.
+void Session::KeepLastLines() {
+  if (!m_outside || ::isatty(STDERR_FILENO) != 0) return;
+  const bool isOneFile = IsOneFile(STDOUT_FILENO, STDERR_FILENO);
+  vexadx::KeepLastLines(*m_outside, isOneFile ? vexadx::Streams::kBoth : vexadx::Streams::kError);
+}
+
+void Session::handOnOutput() {
+  if (m_outside) vexadx::HandOnOutput(*m_outside);
 }
 
 void Session::Load() {
@@ -196,17 +206,10 @@ void Session::loadPlugin() {
                 StartAdvice(m_options, code));
 }
 
-int Session::initialize() {
-  const RegisteredDriver driver(m_registry, *m_engine, m_options);
-  if (!m_output) return driver->initializeX();
-  const OutputPipe::Redirection redirection(*m_output);
-  return driver->initializeX();
-}
-
 StartResult Session::Start() {
   const Clock::time_point begin = Clock::now();
-  const int code = initialize();
-  if (m_output) m_output->Drain();
+  const int code = RegisteredDriver(m_registry, *m_engine, m_options)->initializeX();
+  handOnOutput();
   if (m_outside) {
     gProcess = vexadx::ProcessOf(*m_outside).id;
     interrupt::SetFunctions(&InterruptProcess, &EndProcess);
@@ -229,7 +232,7 @@ BlockResult Session::Run(Block& block) {
   if (m_socket && result.code == vexadx::kSuccess) result.code = exitCode();
   // A block that came to its end all the same was not cut short.
   result.interrupted = driver->Interrupted() && result.code != vexadx::kSuccess;
-  if (m_output) m_output->Drain();
+  handOnOutput();
   return result;
 }
 
@@ -240,17 +243,14 @@ bool Session::HasLost(int code) {
   return (code == vexadx::kPipeClosed || code == vexadx::kPipeFailed) && ProcessSoonEnded(*m_outside).hasEnded;
 }
 
-std::string Session::Death() {
-  const vexadx::XProcess process = vexadx::ProcessOf(*m_outside);
-  return process.hasEnded ? EndText(process.status) : "no longer answers";
-}
+vexadx::Death Session::Death() { return m_outside ? vexadx::DeathOf(*m_outside) : vexadx::Death{}; }
 
 // What the engine writes while it stops is still its output.
 int Session::Stop() {
   gProcess = 0;
   const int code = m_engine->stop_embedded_x();
   if (m_outside) (void)ProcessSoonEnded(*m_outside);
-  if (m_output) m_output->Drain();
+  handOnOutput();
   return code;
 }
 

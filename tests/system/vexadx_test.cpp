@@ -361,13 +361,42 @@ TEST_F(VexadxPythonTest, ARunComesToWhatItsBlocksDo) {
       {Python(kOutside, {"-e", late}), 0, "late\n", {}},
       // A code that means a death is none when a block answers it.
       {Python(kOutside, {"-e", "raise SystemExit(99104)", "-e", "print('next')"}), 1, "next\n", {"1: code 99104"}},
-      {Python(kOutside, {"-e", killed, "-e", "print('next')"}), 4, "before\n", dead("was ended by signal 9 (")},
-      {Python(kOutside, {"-e", before + "os._exit(3)"}), 4, "before\n", dead("ended with exit status 3\n")},
-      {Python(kOutside, {"-e", before + "os._exit(0)"}), 4, "before\n", dead("ended with exit status 0\n")},
+      {Python(kOutside, {"-e", killed, "-e", "print('next')"}), 4, "before\n",
+       dead("was ended by signal 9 (Killed) while it executed a block\n")},
+      {Python(kOutside, {"-e", before + "os._exit(3)"}), 4, "before\n",
+       dead("ended with exit status 3 while it executed a block\n")},
+      {Python(kOutside, {"-e", before + "os._exit(0)"}), 4, "before\n",
+       dead("ended with exit status 0 while it executed a block\n")},
   };
   for (const RunCase& run : runs) {
     ExpectRun(run);
     EXPECT_TRUE(HasNoPipes());
+  }
+}
+
+// In words and in JSON. A stack of its language says more than what came before it.
+TEST_F(VexadxPythonTest, AnEnginesDeathIsToldWithWhatItWroteLast) {
+  const std::string error = "import sys, os\nprint('so it began', file=sys.stderr)\n";
+  const struct {
+    std::string block;
+    Json signal;
+    Json exitStatus;
+    std::string stack;
+  } cases[] = {{error + "os._exit(3)", {}, 3, ""}, {error + "os.abort()", 6, {}, "Fatal Python error: Aborted\n"}};
+  for (const auto& c : cases) {
+    const Outcome plain = RunVexadx(Python(kOutside, {"-e", c.block}));
+    EXPECT_EQ(4, plain.status);
+    EXPECT_EQ(0U, plain.err.find("so it began\n")) << plain.err;
+    ExpectWords(plain.err, {"\nvexadx: the process of the engine PYTHON wrote last:\nvexadx:   " +
+                            (c.stack.empty() ? "so it began\n" : c.stack)});
+    const Outcome json = RunVexadx(Python(kOutside, {"--json", "-e", c.block}));
+    const Json death = ObjectsOf(json.out, "death").at(0);
+    EXPECT_EQ(c.signal, death.at("signal"));
+    EXPECT_EQ(c.exitStatus, death.at("exitStatus"));
+    EXPECT_EQ("while it executed a block", death.at("step"));
+    EXPECT_EQ(OutputOf(json.out), death.at("lastLines"));
+    EXPECT_EQ(0U, death.at("stack").get<std::string>().find(c.stack));
+    EXPECT_EQ(c.stack.empty(), death.at("stack") == "");
   }
 }
 
