@@ -126,6 +126,7 @@ void Report::Block(const BlockResult& result, bool verbose) {
                   {"code", result.code},
                   {"meaning", Meaning(result.code)},
                   {"interrupted", result.interrupted},
+                  {"timedOut", result.timedOut.has_value()},
                   {"seconds", result.seconds}}));
 }
 

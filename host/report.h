@@ -1,6 +1,7 @@
 #pragma once
 
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -20,6 +21,13 @@ struct BlockResult {
   int code = 0;
   double seconds = 0;
   bool interrupted = false;
+  std::optional<Problem> timedOut;
+};
+
+// How an engine was stopped.
+struct StopResult {
+  int code = 0;
+  std::optional<Problem> timedOut;
 };
 
 // How an engine was started.

@@ -1,3 +1,6 @@
+#include <unistd.h>
+
+#include <optional>
 #include <string>
 
 #include "blocks.h"
@@ -44,11 +47,15 @@ void RequireEngine(Session& session, const XConfigOptions& options, int code, Re
                 "what the blocks had computed is gone; a run with --trace FILE shows more");
 }
 
-void Stop(Session& session, const XConfigOptions& options, Report& report) {
-  if (const int code = session.Stop(); code != vexadx::kSuccess) {
-    report.Warning("the engine " + options.XName() + " answered code " + std::to_string(code) + " when it was stopped",
-                   "the blocks' results stand; a run with --trace FILE shows more");
+// A Problem when it took too long.
+std::optional<Problem> Stop(Session& session, const XConfigOptions& options, Report& report) {
+  const StopResult result = session.Stop();
+  if (!result.timedOut && result.code != vexadx::kSuccess) {
+    report.Warning(
+        "the engine " + options.XName() + " answered code " + std::to_string(result.code) + " when it was stopped",
+        "the blocks' results stand; a run with --trace FILE shows more");
   }
+  return result.timedOut;
 }
 
 // One block in an engine of its own, or in the one that runs.
@@ -58,7 +65,8 @@ BlockResult RunBlock(Session& session, const CommandLine& commandLine, const XCo
   PrepareJavaExtension(commandLine, block);
   report.Start(Start(session, options, report), commandLine.verbose);
   BlockResult result = session.Run(block);
-  Stop(session, options, report);
+  const std::optional<Problem> late = Stop(session, options, report);
+  if (!result.timedOut) result.timedOut = late;
   return result;
 }
 
@@ -69,6 +77,10 @@ int RunBlocks(Session& session, const CommandLine& commandLine, const XConfigOpt
     const BlockResult result = RunBlock(session, commandLine, options, block, report);
     report.Block(result, commandLine.verbose);
     if (interrupt::EndRequested()) return interrupt::Status();
+    if (result.timedOut) {
+      report.Error(*result.timedOut);
+      return kTimedOut;
+    }
     RequireEngine(session, options, result.code, report);
     if (result.interrupted) {
       status = interrupt::Status();
@@ -92,6 +104,10 @@ int Run(const CommandLine& commandLine, Report& report) {
   interrupt::Install();
   Session session(options, PlaceOf(commandLine, options),
                   commandLine.threaded ? Session::Thread::kOwn : Session::Thread::kCalling);
+  session.LimitTimes(commandLine.limits, [&report](const Problem& problem) {
+    report.Error(problem);
+    ::_exit(report.End(problem.Status()));
+  });
   session.Load();
   if (report.IsJson()) {
     gOutputReport = &report;
@@ -102,6 +118,7 @@ int Run(const CommandLine& commandLine, Report& report) {
   if (options.XName() == kJavaExtension) return RunBlocks(session, commandLine, options, blocks, report);
   report.Start(Start(session, options, report), commandLine.verbose);
   const int status = RunBlocks(session, commandLine, options, blocks, report);
-  Stop(session, options, report);
-  return status;
+  const std::optional<Problem> late = Stop(session, options, report);
+  if (late) report.Error(*late);
+  return late && !interrupt::EndRequested() ? kTimedOut : status;
 }

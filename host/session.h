@@ -1,10 +1,14 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "blocks.h"
+#include "commandline.h"
+#include "deadline.h"
 #include "inpstatisticsx.h"
 #include "javapluginsocket.h"
 #include "outpstatisticsx.h"
@@ -38,6 +42,10 @@ class Session {
   // shows it and which programs want for themselves.
   void KeepLastLines();
 
+  // What takes longer is interrupted, if it is a block, and then ended with its process. What cannot be ended so is
+  // left with the whole program: the function gets the reason on a thread of ours and does not return.
+  void LimitTimes(const TimeLimits& limits, std::function<void(const Problem&)> leave);
+
   // Load opens the plug-in library, or looks whether there is an engine program. Each throws Problem when the engine
   // cannot be used.
   void Load();
@@ -49,16 +57,20 @@ class Session {
   bool HasLost(int code);
   vexadx::Death Death();
 
-  // The engine's code.
-  int Stop();
+  StopResult Stop();
 
  private:
   void loadPlugin();
   void handOnOutput();
+  void signalEngine(int signal);
+  std::vector<Deadline::Step> endingSteps(const std::string& what);
+  void leave(const std::string& what);
   int exitCode();
 
   XConfigOptions& m_options;
   const Thread m_thread;
+  TimeLimits m_limits;
+  std::function<void(const Problem&)> m_leave;
   std::optional<PipeDirectory> m_directory;
   std::optional<JavaPlugInSocket> m_socket;  // of the Java extension
   XPipeManager m_pipes;
