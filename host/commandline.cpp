@@ -8,6 +8,7 @@
 
 namespace {
 
+constexpr double kLongestLimit = 1e6;
 constexpr const char* kHelpAdvice = "\"vexadx --help\" and \"vexadx run --help\" show the usage";
 
 // The files and texts of `vexadx run`. The parser collects each kind for itself; its parse order tells how they were
@@ -90,6 +91,26 @@ void CheckEngineOptions(const CommandLine& commandLine, bool hasJavaOptions) {
   }
 }
 
+void AddLimit(CLI::App& run, const std::string& name, double& seconds, const std::string& what) {
+  run.add_option_function<double>(
+         name,
+         [name, &seconds](double value) {
+           if (!(value > 0 && value <= kLongestLimit)) {
+             throw Problem(kWrongUsage, name + " is no number of seconds",
+                           "name one above 0, decimals allowed, and no more than 1000000");
+           }
+           seconds = value;
+         },
+         what)
+      ->type_name("SECONDS");
+}
+
+void AddLimits(CLI::App& run, TimeLimits& limits) {
+  AddLimit(run, "--timeout", limits.block, "Interrupt a block that takes longer, and end the run");
+  AddLimit(run, "--start-timeout", limits.start, "Give an engine up that takes longer to start");
+  AddLimit(run, "--stop-timeout", limits.stop, "End an engine that takes longer to stop");
+}
+
 void AddTrace(CLI::App& command, CommandLine& result) {
   command.add_option("--trace", result.trace, "Trace file, instead of the configured one")->type_name("FILE");
 }
@@ -113,6 +134,7 @@ std::optional<CommandLine> ParseCommandLine(int argc, char** argv) {
   CLI::Option* const inside = run->add_flag("--in-process", result.inProcess, "Run the engine inside this process");
   run->add_flag("--out-of-process", result.outOfProcess, "Run the engine as a process of its own")->excludes(inside);
   run->add_flag("--threaded", result.threaded, "Run each block on a thread of its own");
+  AddLimits(*run, result.limits);
   AddTrace(*run, result);
   AddJson(*run, result);
   run->add_flag("--verbose", result.verbose, "Report successful blocks, too");

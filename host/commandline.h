@@ -21,6 +21,13 @@ struct JavaCommand {
   bool isPackage = true;            // the path names directories that hold <name>.jar, not a class path
 };
 
+// How long a run waits for its engine, in seconds; 0 stands for no limit.
+struct TimeLimits {
+  double block = 0;  // each
+  double start = 0;
+  double stop = 0;
+};
+
 struct CommandLine {
   enum class Command { kRun, kEngines, kDoctor };
   Command command = Command::kRun;
@@ -33,6 +40,7 @@ struct CommandLine {
   bool verbose = false;
   std::string trace;  // empty: as configured
   JavaCommand javaCommand;
+  TimeLimits limits;
 };
 
 // Throws Problem for wrong usage. Nothing comes back when printing help or the version was all that was asked.

@@ -46,7 +46,7 @@ std::string EntryPointNames() {
 }
 
 void Stop(Session& session) {
-  const int code = session.Stop();
+  const int code = session.Stop().code;
   if (code == vexadx::kSuccess) return;
   throw Problem(kNotStarted, "the engine started and answered code " + std::to_string(code) + " when it was stopped",
                 "a run with --trace FILE shows more");

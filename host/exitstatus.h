@@ -8,6 +8,7 @@ enum ExitStatus : int {
   kNotStarted = 3,          // the engine could not be started
   kEngineDied = 4,          // the engine's process died, or the connection to it broke, during the run
   kWrongConfiguration = 5,  // configuration missing or wrong
+  kTimedOut = 124,          // a time limit was over
   kNotExecutable = 126,     // the engine program cannot be run
   kNoProgram = 127,         // the engine program is not there
   kInterrupted = 130,       // ended by Ctrl-C

@@ -1,5 +1,6 @@
 #include "interrupt.h"
 
+#include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@ namespace {
 std::atomic<int> gStep{0};
 std::atomic<bool> gBlockRunning{false};
 std::atomic<bool> gTerminated{false};
+std::atomic<bool> gIsOwnSignal{false};
 std::atomic<void (*)()> gInterruptBlock{nullptr};
 std::atomic<void (*)()> gEndEngine{nullptr};
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free &&
@@ -30,8 +32,11 @@ constexpr std::string_view kEndsEngine = "vexadx: ending the engine and the run 
 constexpr std::string_view kCannotInterrupt =
     "vexadx: this engine cannot interrupt its block (the third Ctrl-C leaves at once)\n";
 
+pthread_t gMainThread{};
+
 // Async-signal-safe: atomics, write, _exit and the engine's own function, which promises to be so.
 void OnSignal(int signal) {
+  if (gIsOwnSignal.exchange(false)) return;  // it has ended a system call, and that was all
   const int errnoBefore = errno;
   if (signal == SIGTERM) gTerminated = true;
   const int step = std::max(gStep + 1, signal == SIGTERM ? kEndStep : 1);
@@ -63,6 +68,7 @@ void InstallFor(int signal) {
 }  // namespace
 
 void Install() {
+  gMainThread = ::pthread_self();
   InstallFor(SIGINT);
   InstallFor(SIGTERM);
 }
@@ -70,6 +76,18 @@ void Install() {
 void SetFunctions(void (*interruptBlock)(), void (*endEngine)()) {
   gInterruptBlock = interruptBlock;
   gEndEngine = endEngine;
+}
+
+bool InterruptBlock() {
+  void (*const interruptBlock)() = gInterruptBlock;
+  if (!gBlockRunning || !interruptBlock) return false;
+  interruptBlock();
+  struct sigaction action {};
+  if (::sigaction(SIGINT, nullptr, &action) == 0 && action.sa_handler == &OnSignal) {
+    gIsOwnSignal = true;
+    (void)::pthread_kill(gMainThread, SIGINT);
+  }
+  return true;
 }
 
 RunningBlock::RunningBlock() : m_stepBefore(gStep) { gBlockRunning = true; }

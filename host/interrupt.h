@@ -16,6 +16,9 @@ void Install();
 // thread; the functions are called by a signal handler.
 void SetFunctions(void (*interruptBlock)(), void (*endEngine)());
 
+// Interrupts the running block as the first signal does, and tells no step. False when it cannot be.
+bool InterruptBlock();
+
 // A block runs while this lives. One at a time.
 class RunningBlock {
  public:

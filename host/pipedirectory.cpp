@@ -59,7 +59,7 @@ PipeDirectory::PipeDirectory() {
   m_path += '/';
 }
 
-PipeDirectory::~PipeDirectory() {
+void PipeDirectory::Remove() const {
   std::error_code ignored;
   fs::remove_all(m_path, ignored);
 }

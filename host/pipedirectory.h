@@ -7,9 +7,12 @@
 class PipeDirectory {
  public:
   PipeDirectory();  // throws Problem when there can be none
-  ~PipeDirectory();
+  ~PipeDirectory() { Remove(); }
   PipeDirectory(const PipeDirectory&) = delete;
   PipeDirectory& operator=(const PipeDirectory&) = delete;
+
+  // For a process that ends in another way. Any thread.
+  void Remove() const;
 
   // Ends in a separator.
   const std::string& Path() const { return m_path; }

@@ -1,6 +1,7 @@
 #include "report.h"
 
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,6 +17,9 @@
 namespace {
 
 using Json = nlohmann::ordered_json;
+
+constexpr std::size_t kLinesShown = 12;
+constexpr std::size_t kLineShown = 200;
 
 std::string Line(const Json& object) { return object.dump(-1, ' ', false, Json::error_handler_t::replace); }
 
@@ -67,6 +71,15 @@ const char* Meaning(int code) {
   return text ? text : "code of the engine";
 }
 
+std::string EndText(const vexadx::Death& death) {
+  if (!death.hasEnded) return "no longer answers";
+  const std::string step = std::string(" ") + vexadx::StepText(death.step);
+  if (death.status == -1) return "ended" + step;
+  if (!WIFSIGNALED(death.status)) return "ended with exit status " + std::to_string(WEXITSTATUS(death.status)) + step;
+  const int signal = WTERMSIG(death.status);
+  return "was ended by signal " + std::to_string(signal) + " (" + ::strsignal(signal) + ")" + step;
+}
+
 Report::Report(bool json) : m_json(json), m_out(json ? TakeOverStandardOutput() : STDOUT_FILENO) {}
 
 Report::~Report() {
@@ -113,7 +126,34 @@ void Report::Block(const BlockResult& result, bool verbose) {
                   {"code", result.code},
                   {"meaning", Meaning(result.code)},
                   {"interrupted", result.interrupted},
+                  {"timedOut", result.timedOut.has_value()},
                   {"seconds", result.seconds}}));
+}
+
+// Of a stack the beginning says most, of other lines the end.
+void Report::Death(const std::string& engine, const vexadx::Death& death) {
+  if (m_json) {
+    const bool isKnown = death.hasEnded && death.status != -1;
+    const bool isSignal = isKnown && WIFSIGNALED(death.status);
+    WriteLine(Line({{"type", "death"},
+                    {"engine", engine},
+                    {"signal", isSignal ? Json(WTERMSIG(death.status)) : Json()},
+                    {"exitStatus", isKnown && !isSignal ? Json(WEXITSTATUS(death.status)) : Json()},
+                    {"step", vexadx::StepText(death.step)},
+                    {"lastLines", death.lastLines},
+                    {"stack", death.stack}}));
+    return;
+  }
+  const bool hasStack = !death.stack.empty();
+  std::vector<std::string> lines = GetListFromDelims(hasStack ? death.stack : death.lastLines, "\n");
+  std::erase(lines, "");
+  const std::size_t more = lines.size() - std::min(lines.size(), kLinesShown);
+  const auto begin = lines.begin() + static_cast<std::ptrdiff_t>(hasStack ? 0 : more);
+  std::string text;
+  for (auto line = begin; line != lines.end() - static_cast<std::ptrdiff_t>(hasStack ? more : 0); ++line) {
+    text += "\n  " + line->substr(0, kLineShown);
+  }
+  if (!text.empty()) Say("the process of the engine " + engine + " wrote last:" + text);
 }
 
 void Report::Engine(const EngineState& engine) {

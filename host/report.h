@@ -1,14 +1,19 @@
 #pragma once
 
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "exitstatus.h"
 #include "problem.h"
+#include "vexadx_death.h"
 
 // What a code of an engine or of the library means.
 const char* Meaning(int code);
+
+// How a process ended and in which step, in words.
+std::string EndText(const vexadx::Death& death);
 
 // How one block ended.
 struct BlockResult {
@@ -16,6 +21,13 @@ struct BlockResult {
   int code = 0;
   double seconds = 0;
   bool interrupted = false;
+  std::optional<Problem> timedOut;
+};
+
+// How an engine was stopped.
+struct StopResult {
+  int code = 0;
+  std::optional<Problem> timedOut;
 };
 
 // How an engine was started.
@@ -66,6 +78,9 @@ class Report {
 
   // One line for a block that failed, and with `verbose` for any.
   void Block(const BlockResult& result, bool verbose);
+
+  // What the engine's process wrote last. The error that follows has the rest in words.
+  void Death(const std::string& engine, const vexadx::Death& death);
 
   void Engine(const EngineState& engine);
   void Check(const CheckResult& result);

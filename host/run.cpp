@@ -1,4 +1,7 @@
+#include <unistd.h>
+
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "blocks.h"
@@ -45,18 +48,33 @@ Session::Place PlaceOf(const CommandLine& commandLine, XConfigOptions& options) 
   return inside ? Session::Place::kThisProcess : Session::Place::kOwnProcess;
 }
 
-// A connection that breaks, and not only a block that fails, ends the run.
-void RequireEngine(Session& session, const XConfigOptions& options, int code) {
-  if (!session.HasLost(code)) return;
-  throw Problem(kEngineDied, "the process of the engine " + options.XName() + ' ' + session.Death(),
-                "what the blocks had computed is gone; a run with --trace FILE shows the step it was in");
+StartResult Start(Session& session, const XConfigOptions& options, Report& report) {
+  try {
+    return session.Start();
+  } catch (const Problem&) {
+    if (const vexadx::Death death = session.Death(); death.hasEnded) report.Death(options.XName(), death);
+    throw;
+  }
 }
 
-void Stop(Session& session, const XConfigOptions& options, Report& report) {
-  if (const int code = session.Stop(); code != vexadx::kSuccess) {
-    report.Warning("the engine " + options.XName() + " answered code " + std::to_string(code) + " when it was stopped",
-                   "the blocks' results stand; a run with --trace FILE shows more");
+// A connection that breaks, and not only a block that fails, ends the run.
+void RequireEngine(Session& session, const XConfigOptions& options, int code, Report& report) {
+  if (!session.HasLost(code)) return;
+  const vexadx::Death death = session.Death();
+  report.Death(options.XName(), death);
+  throw Problem(kEngineDied, "the process of the engine " + options.XName() + ' ' + EndText(death),
+                "what the blocks had computed is gone; a run with --trace FILE shows more");
+}
+
+// A Problem when it took too long.
+std::optional<Problem> Stop(Session& session, const XConfigOptions& options, Report& report) {
+  const StopResult result = session.Stop();
+  if (!result.timedOut && result.code != vexadx::kSuccess) {
+    report.Warning(
+        "the engine " + options.XName() + " answered code " + std::to_string(result.code) + " when it was stopped",
+        "the blocks' results stand; a run with --trace FILE shows more");
   }
+  return result.timedOut;
 }
 
 // One block in an engine of its own, or in the one that runs.
@@ -64,9 +82,10 @@ BlockResult RunBlock(Session& session, const CommandLine& commandLine, const XCo
                      Report& report) {
   if (options.XName() != kJavaExtension) return session.Run(block);
   PrepareJavaExtension(commandLine, block);
-  report.Start(session.Start(), commandLine.verbose);
+  report.Start(Start(session, options, report), commandLine.verbose);
   BlockResult result = session.Run(block);
-  Stop(session, options, report);
+  const std::optional<Problem> late = Stop(session, options, report);
+  if (!result.timedOut) result.timedOut = late;
   return result;
 }
 
@@ -77,7 +96,11 @@ int RunBlocks(Session& session, const CommandLine& commandLine, const XConfigOpt
     const BlockResult result = RunBlock(session, commandLine, options, block, report);
     report.Block(result, commandLine.verbose);
     if (interrupt::EndRequested()) return interrupt::Status();
-    RequireEngine(session, options, result.code);
+    if (result.timedOut) {
+      report.Error(*result.timedOut);
+      return kTimedOut;
+    }
+    RequireEngine(session, options, result.code, report);
     if (result.interrupted) {
       status = interrupt::Status();
     } else if (result.code != vexadx::kSuccess && status == kAllSucceeded) {
@@ -100,12 +123,21 @@ int Run(const CommandLine& commandLine, Report& report) {
   interrupt::Install();
   Session session(options, PlaceOf(commandLine, options),
                   commandLine.threaded ? Session::Thread::kOwn : Session::Thread::kCalling);
+  session.LimitTimes(commandLine.limits, [&report](const Problem& problem) {
+    report.Error(problem);
+    ::_exit(report.End(problem.Status()));
+  });
   session.Load();
   const OutputReport output(&report);
-  if (report.IsJson()) session.SendOutputTo(&PostOutput);
+  if (report.IsJson()) {
+    session.SendOutputTo(&PostOutput);
+  } else {
+    session.KeepLastLines();
+  }
   if (options.XName() == kJavaExtension) return RunBlocks(session, commandLine, options, blocks, report);
-  report.Start(session.Start(), commandLine.verbose);
+  report.Start(Start(session, options, report), commandLine.verbose);
   const int status = RunBlocks(session, commandLine, options, blocks, report);
-  Stop(session, options, report);
-  return status;
+  const std::optional<Problem> late = Stop(session, options, report);
+  if (late) report.Error(*late);
+  return late && !interrupt::EndRequested() ? kTimedOut : status;
 }

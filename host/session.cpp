@@ -1,7 +1,7 @@
 #include "session.h"
 
 #include <signal.h>
-#include <string.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,8 +9,10 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <iterator>
 #include <thread>
+#include <utility>
 
 #include "drivex.h"
 #include "dxglobals.h"
@@ -29,6 +31,12 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kLocal = 1;
 constexpr int kNotExecuted = 255;  // how the library's child ends without a program
+constexpr double kUsualStop = 3;   // an X process that was told to stop gives itself a second
+
+// What comes of each step against an engine that takes too long has this time to show.
+constexpr Deadline::Seconds kAfterInterrupt{1};
+constexpr Deadline::Seconds kAfterTermination{0.5};
+constexpr Deadline::Seconds kAfterKill{0.25};
 
 double SecondsSince(Clock::time_point begin) { return std::chrono::duration<double>(Clock::now() - begin).count(); }
 
@@ -80,14 +88,13 @@ std::atomic<pid_t> gProcess{0};
 
 // The process leads a group, so that its children get the signal as they would at a terminal; the Java extension does
 // not.
-void SignalProcess(int signal) {
-  const pid_t process = gProcess;
+void SignalGroup(pid_t process, int signal) {
   if (process > 0 && ::kill(-process, signal) != 0) (void)::kill(process, signal);
 }
 
-void InterruptProcess() { SignalProcess(SIGINT); }
+void InterruptProcess() { SignalGroup(gProcess, SIGINT); }
 
-void EndProcess() { SignalProcess(SIGTERM); }
+void EndProcess() { SignalGroup(gProcess, SIGTERM); }
 
 // The library learns of a death a moment after the pipes have told of it.
 vexadx::XProcess ProcessSoonEnded(OutpStatisticsX& engine) {
@@ -100,18 +107,17 @@ vexadx::XProcess ProcessSoonEnded(OutpStatisticsX& engine) {
   return process;
 }
 
-std::string EndText(int status) {
-  if (status == -1) return "ended";
-  if (!WIFSIGNALED(status)) return "ended with exit status " + std::to_string(WEXITSTATUS(status));
-  const int signal = WTERMSIG(status);
-  return "was ended by signal " + std::to_string(signal) + " (" + ::strsignal(signal) + ")";
+// How a process ended, unless the library had to end it.
+std::string OwnEnd(OutpStatisticsX* engine) {
+  const vexadx::Death death = engine ? vexadx::DeathOf(*engine) : vexadx::Death{};
+  return death.hasEnded && !death.byLibrary && death.status != -1 ? "; its process " + EndText(death) : "";
 }
 
-// How a process ended that could not be started, unless the library had to end it.
-std::string OwnEnd(OutpStatisticsX* engine) {
-  const vexadx::XProcess process = engine ? vexadx::ProcessOf(*engine) : vexadx::XProcess{};
-  const bool byItself = process.hasEnded && process.status != -1 && process.status != SIGKILL;
-  return byItself ? "; its process " + EndText(process.status) : "";
+bool IsOneFile(int descriptor, int other) {
+  struct stat first;
+  struct stat second;
+  return ::fstat(descriptor, &first) == 0 && ::fstat(other, &second) == 0 && first.st_dev == second.st_dev &&
+         first.st_ino == second.st_ino;
 }
 
 // Whether the library's child could not become the engine's program.
@@ -119,6 +125,16 @@ bool WasNotExecuted(OutpStatisticsX& engine) {
   const vexadx::XProcess process = vexadx::ProcessOf(engine);
   return process.hasEnded && process.status != -1 && WIFEXITED(process.status) &&
          WEXITSTATUS(process.status) == kNotExecuted;
+}
+
+std::string TookLonger(const std::string& what, double seconds, const std::string& option) {
+  char text[32];
+  (void)std::snprintf(text, sizeof text, "%g s", seconds);
+  return what + " took longer than " + text + " (" + option + ")";
+}
+
+Problem TimedOut(const std::string& what) {
+  return {kTimedOut, what, "allow it more seconds, or look for what it waits for; --trace FILE shows the step"};
 }
 
 // A driver of the registry for a scope: it gives the run its nesting level.
@@ -171,8 +187,19 @@ Session::~Session() {
 void Session::SendOutputTo(int (*output)(const char* text, int length)) {
   m_engine->set_post_vexa_output(output);
   if (!m_outside) return;
-  m_output = std::make_unique<OutputPipe>(
-      [output](std::string_view text) { (void)output(text.data(), static_cast<int>(text.size())); });
+  vexadx::KeepLastLines(*m_outside, vexadx::Streams::kBoth,
+                        [output](std::string_view text) { (void)output(text.data(), static_cast<int>(text.size())); });
+}
+
+// Two streams that go to one file stay in order.
+void Session::KeepLastLines() {
+  if (!m_outside || ::isatty(STDERR_FILENO) != 0) return;
+  const bool isOneFile = IsOneFile(STDOUT_FILENO, STDERR_FILENO);
+  vexadx::KeepLastLines(*m_outside, isOneFile ? vexadx::Streams::kBoth : vexadx::Streams::kError);
+}
+
+void Session::handOnOutput() {
+  if (m_outside) vexadx::HandOnOutput(*m_outside);
 }
 
 void Session::Load() {
@@ -196,17 +223,37 @@ void Session::loadPlugin() {
                 StartAdvice(m_options, code));
 }
 
-int Session::initialize() {
-  const RegisteredDriver driver(m_registry, *m_engine, m_options);
-  if (!m_output) return driver->initializeX();
-  const OutputPipe::Redirection redirection(*m_output);
-  return driver->initializeX();
+void Session::LimitTimes(const TimeLimits& limits, std::function<void(const Problem&)> leave) {
+  m_limits = limits;
+  if (m_outside && m_limits.stop == 0) m_limits.stop = kUsualStop;
+  m_leave = std::move(leave);
+}
+
+// Also of an engine that is being started.
+void Session::signalEngine(int signal) { SignalGroup(vexadx::ProcessOf(*m_outside).id, signal); }
+
+// The first after an interrupt, unless a limit comes before it.
+std::vector<Deadline::Step> Session::endingSteps(const std::string& what) {
+  if (!m_outside) return {{kAfterInterrupt, [this, what] { leave(what + " and cannot be ended but with vexadx"); }}};
+  return {{kAfterInterrupt, [this] { signalEngine(SIGTERM); }},
+          {kAfterTermination, [this] { signalEngine(SIGKILL); }},
+          {kAfterKill, [this, what] { leave(what + OwnEnd(m_outside)); }}};
+}
+
+void Session::leave(const std::string& what) {
+  handOnOutput();
+  if (m_directory) m_directory->Remove();
+  m_leave(TimedOut(what));
 }
 
 StartResult Session::Start() {
   const Clock::time_point begin = Clock::now();
-  const int code = initialize();
-  if (m_output) m_output->Drain();
+  const std::string late =
+      TookLonger("the start of the engine " + m_options.XName(), m_limits.start, "--start-timeout");
+  Deadline deadline(Deadline::Seconds(m_limits.start), endingSteps(late));
+  const int code = RegisteredDriver(m_registry, *m_engine, m_options)->initializeX();
+  handOnOutput();
+  if (deadline.End() > 0) throw TimedOut(late + OwnEnd(m_outside));
   if (m_outside) {
     gProcess = vexadx::ProcessOf(*m_outside).id;
     interrupt::SetFunctions(&InterruptProcess, &EndProcess);
@@ -220,16 +267,23 @@ StartResult Session::Start() {
 
 BlockResult Session::Run(Block& block) {
   const Clock::time_point begin = Clock::now();
+  const std::string late = TookLonger("block " + block.name, m_limits.block, "--timeout");
+  std::vector<Deadline::Step> steps = endingSteps(late);
+  steps.insert(steps.begin(), {Deadline::Seconds::zero(), [] { (void)interrupt::InterruptBlock(); }});
+  Deadline deadline(Deadline::Seconds(m_limits.block), std::move(steps));
   const RegisteredDriver driver(m_registry, *m_engine, m_options);
   driver->setSyntax(block.lines);
   BlockResult result;
   result.name = block.name;
   result.code = m_thread == Thread::kOwn ? driver->RunOnItsThread() : driver->invokeX();
+  const bool isLate = deadline.End() > 0;
   result.seconds = SecondsSince(begin);
   if (m_socket && result.code == vexadx::kSuccess) result.code = exitCode();
+  const bool isEnded = isLate && HasLost(result.code);
   // A block that came to its end all the same was not cut short.
-  result.interrupted = driver->Interrupted() && result.code != vexadx::kSuccess;
-  if (m_output) m_output->Drain();
+  result.interrupted = (driver->Interrupted() || isLate) && !isEnded && result.code != vexadx::kSuccess;
+  if (isLate) result.timedOut = TimedOut(late + (isEnded ? OwnEnd(m_outside) : "; it was interrupted"));
+  handOnOutput();
   return result;
 }
 
@@ -240,18 +294,25 @@ bool Session::HasLost(int code) {
   return (code == vexadx::kPipeClosed || code == vexadx::kPipeFailed) && ProcessSoonEnded(*m_outside).hasEnded;
 }
 
-std::string Session::Death() {
-  const vexadx::XProcess process = vexadx::ProcessOf(*m_outside);
-  return process.hasEnded ? EndText(process.status) : "no longer answers";
-}
+vexadx::Death Session::Death() { return m_outside ? vexadx::DeathOf(*m_outside) : vexadx::Death{}; }
 
 // What the engine writes while it stops is still its output.
-int Session::Stop() {
+StopResult Session::Stop() {
+  StopResult result;
+  const std::string late = TookLonger("the stop of the engine " + m_options.XName(), m_limits.stop, "--stop-timeout");
+  Deadline deadline(Deadline::Seconds(m_limits.stop), endingSteps(late));
+  const bool wasThere = m_outside && !vexadx::ProcessOf(*m_outside).hasEnded;
   gProcess = 0;
   const int code = m_engine->stop_embedded_x();
-  if (m_outside) (void)ProcessSoonEnded(*m_outside);
-  if (m_output) m_output->Drain();
-  return code;
+  while (wasThere && !ProcessSoonEnded(*m_outside).hasEnded) {
+  }
+  if (deadline.End() > 0) {
+    result.timedOut = TimedOut(late + OwnEnd(m_outside));
+  } else if (wasThere || !m_outside) {
+    result.code = code;
+  }
+  handOnOutput();
+  return result;
 }
 
 // The run of the Java extension ends with its process, and the library does not look how.

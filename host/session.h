@@ -1,16 +1,20 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "blocks.h"
+#include "commandline.h"
+#include "deadline.h"
 #include "inpstatisticsx.h"
 #include "javapluginsocket.h"
 #include "outpstatisticsx.h"
-#include "outputpipe.h"
 #include "pipedirectory.h"
 #include "report.h"
+#include "vexadx_death.h"
 #include "xconfigoptions.h"
 #include "xmanager.h"
 #include "xpipemanager.h"
@@ -31,8 +35,16 @@ class Session {
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  // The blocks' output goes to the function instead of the process's streams. Before Start.
+  // The blocks' output goes to the function instead of the process's streams. Before Start, as the next.
   void SendOutputTo(int (*output)(const char* text, int length));
+
+  // What the engine's process writes goes through here, so that Death has the end of it; but not to a terminal, which
+  // shows it and which programs want for themselves.
+  void KeepLastLines();
+
+  // What takes longer is interrupted, if it is a block, and then ended with its process. What cannot be ended so is
+  // left with the whole program: the function gets the reason on a thread of ours and does not return.
+  void LimitTimes(const TimeLimits& limits, std::function<void(const Problem&)> leave);
 
   // Load opens the plug-in library, or looks whether there is an engine program. Each throws Problem when the engine
   // cannot be used.
@@ -41,22 +53,25 @@ class Session {
 
   BlockResult Run(Block& block);
 
-  // Whether the engine's process is lost after a block answered the code, and what became of it, in words.
+  // Whether the engine's process is lost after a block answered the code, and what became of it.
   bool HasLost(int code);
-  std::string Death();
+  vexadx::Death Death();
 
-  // The engine's code.
-  int Stop();
+  StopResult Stop();
 
  private:
   void loadPlugin();
-  int initialize();
+  void handOnOutput();
+  void signalEngine(int signal);
+  std::vector<Deadline::Step> endingSteps(const std::string& what);
+  void leave(const std::string& what);
   int exitCode();
 
   XConfigOptions& m_options;
   const Thread m_thread;
+  TimeLimits m_limits;
+  std::function<void(const Problem&)> m_leave;
   std::optional<PipeDirectory> m_directory;
-  std::unique_ptr<OutputPipe> m_output;
   std::optional<JavaPlugInSocket> m_socket;  // of the Java extension
   XPipeManager m_pipes;
   XManager m_registry;  // owns the engine

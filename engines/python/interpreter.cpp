@@ -10,6 +10,7 @@
 #include "block.h"
 #include "consolesource.h"
 #include "errors.h"
+#include "host.h"
 #include "interrupts.h"
 #include "output.h"
 #include "streams.h"
@@ -88,7 +89,8 @@ PyStatus initialize(const std::string& home) {
   if (PyStatus_Exception(status)) return status;
   Configuration config;
   config->install_signal_handlers = 0;
-  config->faulthandler = 0;
+  // Signals of faults are the host's; in a process of its own Python tells where it crashed.
+  config->faulthandler = plugin::IsProcessOfLanguage() ? 1 : 0;
   config->parse_argv = 0;
   status = config.Set(&config->program_name, programOf(home));
   if (!PyStatus_Exception(status) && !home.empty()) status = config.Set(&config->home, home);

@@ -23,9 +23,9 @@
 #include "javaextensionsmb.h"
 #include "javapluginsocket.h"
 #include "outpstatisticsx.h"
-#include "outputpipe.h"
 #include "processstate.h"
 #include "temphome.h"
+#include "vexadx_death.h"
 #include "vexadx_process.h"
 #include "xconfigoptions.h"
 #include "xpipemanager.h"
@@ -81,6 +81,7 @@ class JavaEngine : public testing::Test {
     SetVEXAHOME(m_home.Path().c_str());
     SetXPipeManager(&m_pipes);
     SetavaExtSocket(&m_socket);
+    vexadx::KeepLastLines(m_engine, vexadx::Streams::kBoth, [this](std::string_view text) { m_output.Append(text); });
     ExpectHealthy();
   }
   ~JavaEngine() override {
@@ -113,7 +114,6 @@ class JavaEngine : public testing::Test {
     commandLine.javaCommand = {command, extensions, true};
     PrepareJavaExtension(commandLine, {"block", lines});
     m_output.Clear();
-    const OutputPipe::Redirection redirection(m_outputPipe);
     return StartHere();
   }
 
@@ -123,7 +123,7 @@ class JavaEngine : public testing::Test {
     EXPECT_EQ(0, m_engine.pre_action());
     const int code = m_engine.execute_x(syntax);
     EXPECT_EQ(0, m_engine.post_action());
-    m_outputPipe.Drain();
+    vexadx::HandOnOutput(m_engine);
     return code;
   }
 
@@ -172,7 +172,6 @@ class JavaEngine : public testing::Test {
   XPipeManager m_pipes{m_home.Path().string() + '/', "1"};
   JavaPlugInSocket m_socket;
   Output m_output;
-  OutputPipe m_outputPipe{[this](std::string_view text) { m_output.Append(text); }};
   // No child; the socket keeps its two descriptors.
   const std::tuple<bool, int, int> m_clean{false, OpenDescriptors() + 2, Threads()};
   OutpStatisticsX m_engine{&m_options, 1, true};
@@ -268,7 +267,7 @@ TEST_F(JavaEngine, AStartEndsWithTheProcessThatItWaitsFor) {
     EXPECT_EQ(99123, starting.get());
     EXPECT_LT(Clock::now() - end, kPromptly);
     EXPECT_EQ(c.status, ExpectEnded());
-    m_outputPipe.Drain();
+    vexadx::HandOnOutput(m_engine);
     EXPECT_EQ(c.out, m_output.Text().substr(0, c.out.size()));
     char syntax[] = "";
     EXPECT_EQ(99115, m_engine.execute_x(syntax));

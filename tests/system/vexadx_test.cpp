@@ -5,6 +5,8 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <future>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <string>
@@ -119,6 +121,10 @@ TEST_F(VexadxTest, WrongUsageIsExplained) {
       {{"run", "JAVAEXTENSION", "--command", "X"}, {"nothing to run", "-e"}},
       {{"run", "CTEST", "--command", "X", "-e", "0"}, {"for JAVAEXTENSION", "instead of CTEST"}},
       {{"run", "CTEST", "--extension-path", "/", "-e", "0"}, {"for JAVAEXTENSION"}},
+      {{"run", "CTEST", "-e", "0", "--timeout", "0"}, {"--timeout", "above 0"}},
+      {{"run", "CTEST", "-e", "0", "--start-timeout", "nan"}, {"--start-timeout", "above 0"}},
+      {{"run", "CTEST", "-e", "0", "--stop-timeout", "1e7"}, {"--stop-timeout", "1000000"}},
+      {{"run", "CTEST", "-e", "0", "--timeout", "soon"}, {"--timeout", "soon"}},
       {{"run", "CTEST", "--no-package", "-e", "0"}, {"for JAVAEXTENSION"}},
       {{"run", "CTEST", good, home.Path("gone.txt")}, {"gone.txt", "No such file"}},
       {{"run", "CTEST", good, home.Path()}, {home.Path(), "directory"}},
@@ -378,13 +384,42 @@ TEST_F(VexadxPythonTest, ARunComesToWhatItsBlocksDo) {
       {Python(kOutside, {"-e", late}), 0, "late\n", {}},
       // A code that means a death is none when a block answers it.
       {Python(kOutside, {"-e", "raise SystemExit(99104)", "-e", "print('next')"}), 1, "next\n", {"1: code 99104"}},
-      {Python(kOutside, {"-e", killed, "-e", "print('next')"}), 4, "before\n", dead("was ended by signal 9 (")},
-      {Python(kOutside, {"-e", before + "os._exit(3)"}), 4, "before\n", dead("ended with exit status 3\n")},
-      {Python(kOutside, {"-e", before + "os._exit(0)"}), 4, "before\n", dead("ended with exit status 0\n")},
+      {Python(kOutside, {"-e", killed, "-e", "print('next')"}), 4, "before\n",
+       dead("was ended by signal 9 (Killed) while it executed a block\n")},
+      {Python(kOutside, {"-e", before + "os._exit(3)"}), 4, "before\n",
+       dead("ended with exit status 3 while it executed a block\n")},
+      {Python(kOutside, {"-e", before + "os._exit(0)"}), 4, "before\n",
+       dead("ended with exit status 0 while it executed a block\n")},
   };
   for (const RunCase& run : runs) {
     ExpectRun(run);
     EXPECT_TRUE(HasNoPipes());
+  }
+}
+
+// In words and in JSON. A stack of its language says more than what came before it.
+TEST_F(VexadxPythonTest, AnEnginesDeathIsToldWithWhatItWroteLast) {
+  const std::string error = "import sys, os\nprint('so it began', file=sys.stderr)\n";
+  const struct {
+    std::string block;
+    Json signal;
+    Json exitStatus;
+    std::string stack;
+  } cases[] = {{error + "os._exit(3)", {}, 3, ""}, {error + "os.abort()", 6, {}, "Fatal Python error: Aborted\n"}};
+  for (const auto& c : cases) {
+    const Outcome plain = RunVexadx(Python(kOutside, {"-e", c.block}));
+    EXPECT_EQ(4, plain.status);
+    EXPECT_EQ(0U, plain.err.find("so it began\n")) << plain.err;
+    ExpectWords(plain.err, {"\nvexadx: the process of the engine PYTHON wrote last:\nvexadx:   " +
+                            (c.stack.empty() ? "so it began\n" : c.stack)});
+    const Outcome json = RunVexadx(Python(kOutside, {"--json", "-e", c.block}));
+    const Json death = ObjectsOf(json.out, "death").at(0);
+    EXPECT_EQ(c.signal, death.at("signal"));
+    EXPECT_EQ(c.exitStatus, death.at("exitStatus"));
+    EXPECT_EQ("while it executed a block", death.at("step"));
+    EXPECT_EQ(OutputOf(json.out), death.at("lastLines"));
+    EXPECT_EQ(0U, death.at("stack").get<std::string>().find(c.stack));
+    EXPECT_EQ(c.stack.empty(), death.at("stack") == "");
   }
 }
 
@@ -533,6 +568,86 @@ TEST_F(VexadxPythonTest, AnEngineThatDefiesEverySignalGoesWithTheHost) {
     child.Signal(SIGINT);
   }
   EXPECT_EQ(130, child.Wait());
+}
+
+// Wait returns once neither the engine's process nor a child of it is left.
+TEST_F(VexadxPythonTest, WhatTakesTooLongIsInterruptedOrEndedInTime) {
+  home.AddPlugin("ctest");
+  const std::string realStartX = std::filesystem::canonical(home.Path("bin/startx"));
+  home.Remove("bin/startx");
+  const std::string choosing = home.Write("bin/startx", "#!/bin/sh\n[ \"$4\" = PYTHON ] && exec " + realStartX +
+                                                            " \"$@\"\nexec " VEXADX_STARTX_FAULT " \"$@\"\n");
+  std::filesystem::permissions(choosing, std::filesystem::perms::owner_all);
+  const std::string sleeping = "print('begun')\nimport time\ntime.sleep(1000)";
+  const std::string deaf =
+      "import signal, time\nsignal.signal(signal.SIGTERM, signal.SIG_IGN)\n"
+      "signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGINT])\n"
+      "while True: time.sleep(1000)";
+  const std::string stopped =
+      "import os, signal, subprocess\nsubprocess.Popen(['sleep', '1000'])\n"
+      "os.kill(os.getpid(), signal.SIGSTOP)";
+  const auto faulty = [](const std::string& x, const Strings& more) { return Strings{"run", x, "-e", ""} + more; };
+  const Strings next{"-e", "print('next')"};
+  const std::string blockLate = "block -e 1 took longer than 1 s (--timeout)";
+  const struct {
+    Strings arguments;
+    const char* fault;  // of the X process that is not Python's
+    long status;
+    int within;  // seconds
+    Strings words;
+  } rows[] = {
+      {Python(kInside, {"--timeout", "1", "-e", sleeping}) + next, "", 124, 4, {blockLate + "; it was interrupted"}},
+      {Python(kOutside, {"--timeout", "1", "-e", sleeping}) + next, "", 124, 4, {blockLate + "; it was interrupted"}},
+      {Python(kOutside, {"--timeout", "5", "-e", stopped}) + next,
+       "",
+       124,
+       8,
+       {"5 s (--timeout); its process was ended by"}},
+      {Python(kOutside, {"--timeout", "1", "-e", deaf}) + next,
+       "",
+       124,
+       8,
+       {"signal 9 (Killed) while it executed a block"}},
+      {Python(kInside, {"--timeout", "1", "-e", deaf}) + next, "", 124, 4, {blockLate + " and cannot be ended"}},
+      {Python(kOutside, {"--timeout", "60", "-e", "print('begun')"}), "", 0, 10, {}},
+      {faulty("SILENT", {"--start-timeout", "5"}),
+       "ready-read silent",
+       124,
+       6,
+       {"the start of the engine", "at the ready check"}},
+      {faulty("EXITING", {"--start-timeout", "0.5"}), "started exit=3", 124, 4, {"exit status 3 during the start"}},
+      {faulty("GONE", {}), "started exit=3", 3, 12, {"exit status 3 during the start"}},
+      {faulty("WEDGED", {}),
+       "stop-read silent",
+       124,
+       6,
+       {"the stop of the engine", "(--stop-timeout)", "was ended by"}},
+      {faulty("LINGERING", {"--stop-timeout", "0.5"}), "stopped silent", 124, 4, {"the stop of the engine"}},
+  };
+  std::string configuration = "[SUPPORTED_LANG]\nX=PYTHON;SILENT;EXITING;GONE;WEDGED;LINGERING\n";
+  for (const auto& row : rows) {
+    if (*row.fault) configuration += '[' + row.arguments[1] + "]\nLIB_NAME=ctest\nSTARTX_FAULT=" + row.fault + '\n';
+  }
+  home.Configure(configuration);
+  // Two at a time: they wait most of the time.
+  const auto runEverySecond = [&rows](std::size_t first) {
+    for (std::size_t i = first; i < std::size(rows); i += 2) {
+      const auto& row = rows[i];
+      SCOPED_TRACE(testing::PrintToString(row.arguments));
+      const auto begin = std::chrono::steady_clock::now();
+      const Outcome outcome = RunVexadx(row.arguments + Strings{"--json"});
+      EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(row.within)) << outcome.err;
+      EXPECT_EQ(row.status, outcome.status) << outcome.err;
+      EXPECT_EQ(std::string::npos, OutputOf(outcome.out).find("next"));
+      const std::vector<Json> errors = ObjectsOf(outcome.out, "error");
+      EXPECT_EQ(row.words.empty() ? 0U : 1U, errors.size()) << outcome.err;
+      if (!errors.empty()) ExpectWords(errors[0].at("message"), row.words);
+    }
+  };
+  std::future<void> others = std::async(std::launch::async, runEverySecond, 1);
+  runEverySecond(0);
+  others.get();
+  EXPECT_TRUE(HasNoPipes());
 }
 
 TEST_F(VexadxPythonTest, PipesAreRemovedAtTheEndOrByTheNextRun) {

@@ -1,14 +1,17 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "statisticsx.h"
+#include "vexadx_death.h"
 #include "vexadx_export.h"
 #include "vexadx_process.h"
 #include "xcmdargument.h"
 #include "xconfigoptions.h"
 
+struct ChildOutputSettings;
 class PeerWatch;
 class XPipeSuit;
 
@@ -68,7 +71,11 @@ class VEXADX_API OutpStatisticsX : public StatisticsX {
 
  private:
   friend vexadx::XProcess vexadx::ProcessOf(OutpStatisticsX& engine);
+  friend vexadx::Death vexadx::DeathOf(OutpStatisticsX& engine);
+  friend void vexadx::KeepLastLines(OutpStatisticsX& engine, vexadx::Streams streams, vexadx::OutputReceiver receiver);
+  friend void vexadx::HandOnOutput(OutpStatisticsX& engine);
 
+  VEXADX_HIDDEN std::shared_ptr<PeerWatch> lastProcess() const;
   VEXADX_HIDDEN XPipeSuit& suit() const;
   VEXADX_HIDDEN int startX();
   VEXADX_HIDDEN int startJava();
@@ -76,13 +83,15 @@ class VEXADX_API OutpStatisticsX : public StatisticsX {
   VEXADX_HIDDEN void leaveEarlierProcess();
   VEXADX_HIDDEN int checkReady();
   VEXADX_HIDDEN int beginXRun();
-  VEXADX_HIDDEN int sendCommand(int key);
+  VEXADX_HIDDEN int sendCommand(int key, vexadx::Step step);
   VEXADX_HIDDEN int executeJava();
 
   XConfigOptions* m_options;  // not owned
-  int m_processId;            // -1: none was started
   int m_mode;
   bool m_isJava;
-  bool m_stopping;                     // it was told to stop
+  std::shared_ptr<const ChildOutputSettings> m_output;  // for what the next process writes; null: left alone
+
+  // Guards what threads that do not use the engine look at meanwhile; the one that starts it writes.
+  mutable std::mutex m_watchGuard;
   std::shared_ptr<PeerWatch> m_watch;  // of the process; null: none was started
 };

@@ -13,7 +13,7 @@ struct XProcess {
   int status = 0;         // how, as waitpid tells it; -1: the system did not tell
 };
 
-// Any thread that may also run the engine.
+// Any thread, also while others use the engine: during a start from the moment on that there is a process.
 VEXADX_API XProcess ProcessOf(OutpStatisticsX& engine);
 
 }  // namespace vexadx

@@ -24,6 +24,7 @@
 #include "statisticsx.h"
 #include "vexadx_bytes.h"
 #include "vexadx_codes.h"
+#include "vexadx_death.h"
 #include "vexadx_hoststate.h"
 #include "vexadx_plugin.h"
 #include "vexadx_process.h"

@@ -12,10 +12,12 @@
 #include <new>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "answeredcode.h"
 #include "cancellationguard.h"
+#include "childoutput.h"
 #include "clexdsmb.h"
 #include "dxglobals.h"
 #include "dxtraceline.h"
@@ -29,6 +31,7 @@
 #include "xpipemanager.h"
 
 using vexadx::kSuccess;
+using vexadx::Step;
 
 namespace {
 
@@ -75,10 +78,15 @@ class Launch {
     }
   }
 
-  // The process's id for the parent, -1 when there is no child.
-  pid_t Fork() const {
+  // The process's id for the parent, -1 when there is no child. What the child writes goes to the output, if there is
+  // one.
+  pid_t Fork(ChildOutput* output) const {
     const pid_t process = ::fork();
-    if (process == 0) becomeTheProgram();
+    if (process == 0) {
+      if (output) output->TakeStreams();
+      becomeTheProgram();
+    }
+    if (output) output->ParentGoesOn();
     return process;
   }
 
@@ -125,11 +133,12 @@ std::string inHome(const std::string& relative) {
 }  // namespace
 
 OutpStatisticsX::OutpStatisticsX(XConfigOptions* options, int mode, bool vexaDrive)
-    : StatisticsX(vexaDrive), m_options(options), m_processId(-1), m_mode(mode), m_isJava(false) {}
+    : StatisticsX(vexaDrive), m_options(options), m_mode(mode), m_isJava(false) {}
 
 OutpStatisticsX::~OutpStatisticsX() {
   const CancellationGuard noCancellation;
   (void)stop_embedded_x();
+  if (const std::shared_ptr<ChildOutput> output = m_watch ? m_watch->Output() : nullptr) output->Release();
 }
 
 int OutpStatisticsX::x_init_embedded_x(int argc, char** argv) {
@@ -154,11 +163,14 @@ int OutpStatisticsX::startProcess(XCmdArgument& arguments) {
   XCmdArgument environment;
   pushEnv(environment);
   const Launch launch(arguments, environment);
-  m_processId = -1;
-  m_watch = PeerWatch::Make();
+  {
+    const std::lock_guard lock(m_watchGuard);
+    m_watch = PeerWatch::Make();
+  }
   if (!m_watch) return vexadx::kProcessNotAlive;
-  m_processId = launch.Fork();
-  m_watch->Begin(m_processId);
+  const std::shared_ptr<ChildOutput> output = m_output ? ChildOutput::Make(*m_output) : nullptr;
+  const pid_t process = launch.Fork(output.get());
+  m_watch->Begin(process, output);
   if (!m_isJava) suit().m_lastProcess = m_watch;
   return kSuccess;
 }
@@ -194,13 +206,16 @@ int OutpStatisticsX::startX() {
   }
   (void)suit().getXPipes();  // a driver of the X is registered
   leaveEarlierProcess();
-  if (const int code = startProcess(arguments); code != kSuccess) return code;
+  int code = startProcess(arguments);
+  if (code != kSuccess) return code;
   sleepThrough(kStart);
-  return isXProcessActive() ? checkReady() : vexadx::kProcessNotAlive;
+  code = isXProcessActive() ? checkReady() : vexadx::kProcessNotAlive;
+  if (code == kSuccess) (void)m_watch->EnterStep(Step::kIdle);
+  return code;
 }
 
 int OutpStatisticsX::checkReady() {
-  const PeerWatch::Operation operation(m_watch);
+  PeerWatch::Operation operation(m_watch, Step::kReadyCheck);
   DXCmdDispatcher* const commands = suit().getCmdDispatcher(false);
   (void)commands->connectPeer();
   int code = commands->sendCmd(DXCmdDispatcher::kPingDX);
@@ -209,7 +224,7 @@ int OutpStatisticsX::checkReady() {
     code = commands->sendCmd(DXCmdDispatcher::kPingDX);
   }
   TraceCode("stat_start_x result", code);
-  return code;
+  return operation.CameTo(code);
 }
 
 int OutpStatisticsX::stat_start_java() {
@@ -237,13 +252,16 @@ int OutpStatisticsX::startJava() {
   const int code = socket->acceptWhile([this] { return !m_watch->HasEnded(); });
   sleepThrough(kStart);
   m_watch->Reap();  // one that has ended is not there
-  return isXProcessActive() ? code : vexadx::kJavaNotAlive;
+  if (!isXProcessActive()) return vexadx::kJavaNotAlive;
+  if (code == kSuccess) (void)m_watch->EnterStep(Step::kIdle);
+  return code;
 }
 
 int OutpStatisticsX::stat_stop_x() {
   int code = kSuccess;
+  if (m_watch) (void)m_watch->EnterStep(Step::kStop);
   if (isXProcessActive()) {
-    code = sendCommand(DXCmdDispatcher::kStopDX);
+    code = sendCommand(DXCmdDispatcher::kStopDX, Step::kStop);
     TraceCode("stat_stop_x cmdDispatcher sendCmd", code);
   } else {
     TraceLine("stat_stop_x: x process has already exited ");
@@ -257,10 +275,10 @@ int OutpStatisticsX::stat_stop_x() {
   return code;
 }
 
-int OutpStatisticsX::sendCommand(int key) {
+int OutpStatisticsX::sendCommand(int key, Step step) {
   return AnsweredCode([&] {
-    const PeerWatch::Operation operation(m_watch);
-    return suit().getCmdDispatcher(false)->sendCmd(static_cast<DXCmdDispatcher::CmdKey>(key));
+    PeerWatch::Operation operation(m_watch, step);
+    return operation.CameTo(suit().getCmdDispatcher(false)->sendCmd(static_cast<DXCmdDispatcher::CmdKey>(key)));
   });
 }
 
@@ -269,7 +287,7 @@ int OutpStatisticsX::setup_x_run() {
 }
 
 int OutpStatisticsX::beginXRun() {
-  const PeerWatch::Operation operation(m_watch);
+  PeerWatch::Operation operation(m_watch, Step::kBeginRun);
   XPipeSuit& pipes = suit();
   VexaPipe* const result = pipes.getXPipes()->GetSyntaxResultPipe();
   if (result->IsPipeCreated()) {
@@ -277,25 +295,25 @@ int OutpStatisticsX::beginXRun() {
   } else {
     if (const int code = result->CreatePipe(); code != kSuccess) {
       TraceCode("setup_x_run syntaxResultPipe CreatePipe", code);
-      return code;
+      return operation.CameTo(code);
     }
     (void)result->DisconnectPipe();
   }
   int code = pipes.getCmdDispatcher(false)->sendCmd(DXCmdDispatcher::kSetupRunDX);
   TraceCode("setup_x_run cmdDispatcher sendCmd", code);
-  if (code != kSuccess) return code;
+  if (code != kSuccess) return operation.CameTo(code);
   if (!result->IsWritePipeConnected()) (void)result->ConnectPipe();
   if (code = result->OpenPipeToRead(); code != kSuccess) {
     // The process waits in its own opening of this pipe, and answers nothing more.
     if (m_watch) endProcess(*m_watch);
-    return code;
+    return operation.CameTo(code);
   }
   CleXDSmb reply;
-  return ReceiveData(result, reply, true);
+  return operation.CameTo(ReceiveData(result, reply, true));
 }
 
 int OutpStatisticsX::exit_x_run() {
-  const int code = sendCommand(DXCmdDispatcher::kExitRunDX);
+  const int code = sendCommand(DXCmdDispatcher::kExitRunDX, Step::kEndRun);
   TraceCode("exit_x_run cmdDispatcher sendCmd", code);
   return code;
 }
@@ -306,25 +324,25 @@ int OutpStatisticsX::exit_java_run() { return kSuccess; }
 
 int OutpStatisticsX::x_execute_x(char* syntax) {
   if (m_isJava) return executeJava();
-  const PeerWatch::Operation operation(m_watch);
+  PeerWatch::Operation operation(m_watch, Step::kExecute);
   XPipes* const pipes = suit().getXPipes();
   CleXDSmb request;
   request.SetString(syntax);
   int code = SendData(pipes->GetSyntaxPipe(), request, false);
   TraceCode("x_execute_x SendData syntaxPipe", code);
-  if (code != kSuccess) return code;
+  if (code != kSuccess) return operation.CameTo(code);
   CleXDSmb reply;
   code = ReceiveData(pipes->GetSyntaxResultPipe(), reply, true);
   TraceCode("x_execute_x ReceiveData syntaxResultPipe", code);
-  return code;
+  return operation.CameTo(code);
 }
 
 int OutpStatisticsX::executeJava() {
-  const PeerWatch::Operation operation(m_watch);
+  PeerWatch::Operation operation(m_watch, Step::kExecute);
   JavaExtensionSmb message;
   const int code = SendData(GetJavaExtSocket(), message);
   TraceCode("x_execute_x SendData syntaxSocket", code);
-  if (code != kSuccess) return code;
+  if (code != kSuccess) return operation.CameTo(code);
   while (isXProcessActive()) {
     if (m_watch->AwaitEnd(kJavaLook)) m_watch->Reap();
     ::pthread_testcancel();
@@ -337,11 +355,17 @@ bool OutpStatisticsX::isXProcessActive() {
   return m_watch && !m_watch->IsGone();
 }
 
+std::shared_ptr<PeerWatch> OutpStatisticsX::lastProcess() const {
+  const std::lock_guard lock(m_watchGuard);
+  return m_watch;
+}
+
 vexadx::XProcess vexadx::ProcessOf(OutpStatisticsX& engine) {
   XProcess process;
-  if (!engine.m_watch) return process;
-  process.hasEnded = engine.m_watch->HasEnded();
-  if (!engine.m_watch->IsGone()) process.id = engine.m_processId;
-  if (process.hasEnded) process.status = engine.m_watch->EndStatus().value_or(-1);
+  const std::shared_ptr<PeerWatch> watch = engine.lastProcess();
+  if (!watch) return process;
+  process.hasEnded = watch->HasEnded();
+  if (!watch->IsGone()) process.id = watch->Id();
+  if (process.hasEnded) process.status = watch->EndStatus().value_or(-1);
   return process;
 }

@@ -29,6 +29,8 @@
 #include <utility>
 
 #include "cancellationguard.h"
+#include "childoutput.h"
+#include "vexadx_codes.h"
 
 namespace {
 
@@ -156,14 +158,25 @@ std::shared_ptr<PeerWatch> PeerWatch::Make() {
   return watch;
 }
 
-void PeerWatch::Begin(pid_t process) {
+void PeerWatch::Begin(pid_t process, std::shared_ptr<ChildOutput> output) {
   const std::lock_guard lock(m_guard);
   m_begun = true;
+  m_output = std::move(output);
   m_process = process;
   m_gone = process <= 0;
   m_ended = m_gone;
   if (!m_gone) m_descriptor.Reset(descriptorOf(process));
   m_changed.notify_all();
+}
+
+pid_t PeerWatch::Id() {
+  const std::lock_guard lock(m_guard);
+  return m_process;
+}
+
+std::shared_ptr<ChildOutput> PeerWatch::Output() {
+  const std::lock_guard lock(m_guard);
+  return m_output;
 }
 
 void PeerWatch::watch() {
@@ -178,6 +191,7 @@ void PeerWatch::watch() {
   }
   awaitDeath(process, descriptor);
   noteEnd();
+  if (m_output) m_output->ChildHasDied();
   releaseWaits();
 }
 
@@ -241,12 +255,40 @@ bool PeerWatch::IsToBeReaped() {
 
 void PeerWatch::Signal(int number) {
   const std::lock_guard lock(m_guard);
-  if (!isGone() && !m_ended) sendSignal(m_process, m_descriptor, number);
+  if (isGone() || m_ended) return;
+  m_signal = number;
+  sendSignal(m_process, m_descriptor, number);
+}
+
+bool PeerWatch::WasSignalled() {
+  const std::lock_guard lock(m_guard);
+  return m_signal != 0 && m_status == m_signal;
 }
 
 std::optional<int> PeerWatch::EndStatus() {
   const std::lock_guard lock(m_guard);
   return m_status;
+}
+
+vexadx::Step PeerWatch::LastStep() {
+  const std::lock_guard lock(m_guard);
+  return m_step;
+}
+
+// Of a process that has died nothing changes any more. The pipes tell of a death before the system does, so the step in
+// which they did is the one.
+vexadx::Step PeerWatch::EnterStep(vexadx::Step step) {
+  const std::lock_guard lock(m_guard);
+  const vexadx::Step before = m_step;
+  if (!m_ended && !m_isLost) m_step = step;
+  return before;
+}
+
+void PeerWatch::leaveStep(vexadx::Step before, int code) {
+  const std::lock_guard lock(m_guard);
+  if (m_ended) return;
+  m_isLost = code == vexadx::kPipeClosed || code == vexadx::kPipeFailed || code == vexadx::kSocketFailed;
+  if (!m_isLost) m_step = before;
 }
 
 // Waits that began before the death was noted; those of later calls do not wait.
@@ -263,8 +305,9 @@ void PeerWatch::releaseWaits() {
   }
 }
 
-PeerWatch::Operation::Operation(std::shared_ptr<PeerWatch> watch) : m_watch(std::move(watch)) {
+PeerWatch::Operation::Operation(std::shared_ptr<PeerWatch> watch, vexadx::Step step) : m_watch(std::move(watch)) {
   if (!m_watch) return;
+  m_before = m_watch->EnterStep(step);
   const std::lock_guard lock(m_watch->m_guard);
   m_watch->m_operations.push_back(this);
   current = this;
@@ -273,6 +316,7 @@ PeerWatch::Operation::Operation(std::shared_ptr<PeerWatch> watch) : m_watch(std:
 PeerWatch::Operation::~Operation() {
   if (!m_watch) return;
   current = nullptr;
+  m_watch->leaveStep(m_before, m_code);
   const std::lock_guard lock(m_watch->m_guard);
   std::erase(m_watch->m_operations, this);
 }

@@ -12,6 +12,10 @@
 #include <string>
 #include <vector>
 
+#include "vexadx_death.h"
+
+class ChildOutput;
+
 // Watches one process that this one has started, and stands in for it when it has died: an engine's operation that then
 // waits for it in a pipe or a connection is released, also when a process that it left behind still holds that. The
 // operation goes on as if the other end had been closed.
@@ -47,8 +51,13 @@ class PeerWatch {
   PeerWatch(const PeerWatch&) = delete;
   PeerWatch& operator=(const PeerWatch&) = delete;
 
-  // The child to watch, once. An id that is not positive stands for none: nothing is watched, nor ever signalled.
-  void Begin(pid_t process);
+  // The child to watch, once, and what it writes, null where that is left alone. An id that is not positive stands for
+  // none: nothing is watched, nor ever signalled.
+  void Begin(pid_t process, std::shared_ptr<ChildOutput> output = nullptr);
+
+  // The id; -1 before Begin.
+  pid_t Id();
+  std::shared_ptr<ChildOutput> Output();
 
   // It has died; it may still be there to be reaped.
   bool HasEnded() const { return m_ended; }
@@ -69,9 +78,20 @@ class PeerWatch {
   // The wait status with which it died; none while it lives, and when the system does not tell.
   std::optional<int> EndStatus();
 
+  // The step that it ended in; while it lives, the one that it is in. An engine without an operation under way is idle,
+  // or else still in the last one if that has lost the process.
+  vexadx::Step LastStep();
+
+  // Whether it ended by a signal of Signal's.
+  bool WasSignalled();
+
+  // Answers the step before; the first is the start.
+  vexadx::Step EnterStep(vexadx::Step step);
+
  private:
   void watch();
   void noteEnd();
+  void leaveStep(vexadx::Step before, int code);
   void releaseWaits();
   bool isGone();   // REQUIRES: the lock is held, as for the next
   bool reapNow();  // whether it is gone
@@ -84,7 +104,11 @@ class PeerWatch {
   bool m_begun = false;
   bool m_gone = true;
   bool m_reapLater = false;
+  bool m_isLost = false;  // an operation has met no process, and no later one has met it again
+  int m_signal = 0;       // sent last
+  vexadx::Step m_step = vexadx::Step::kStart;
   std::optional<int> m_status;
+  std::shared_ptr<ChildOutput> m_output;
   std::vector<Operation*> m_operations;
 };
 
@@ -92,10 +116,16 @@ class PeerWatch {
 // a watch it is none. Operations are not nested.
 class PeerWatch::Operation {
  public:
-  explicit Operation(std::shared_ptr<PeerWatch> watch);
+  Operation(std::shared_ptr<PeerWatch> watch, vexadx::Step step);
   ~Operation();
   Operation(const Operation&) = delete;
   Operation& operator=(const Operation&) = delete;
+
+  // Notes how it came out, and answers that.
+  int CameTo(int code) {
+    m_code = code;
+    return code;
+  }
 
  private:
   friend class PeerWatch;
@@ -107,6 +137,8 @@ class PeerWatch::Operation {
   static constinit thread_local Operation* current;
 
   const std::shared_ptr<PeerWatch> m_watch;
+  vexadx::Step m_before{};
+  int m_code = 0;
   std::atomic<int> m_waiting{0};  // for what, a Wait::Kind
   // Where; not changed any more once the death is noted. The descriptor is that of the pipe or connection, or stands
   // for the file of a pipe that is being opened.
