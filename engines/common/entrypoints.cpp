@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cstddef>
@@ -74,7 +76,12 @@ VEXADX_API int init_embedded_x(int argc, char** argv) {
 
 VEXADX_API int execute_x(char* syntax) {
   if (!gStarted || !syntax) return kFailed;
-  return plugin::Contained(kFailed, [&] { return plugin::RunBlock(syntax); });
+  const pid_t process = ::getpid();
+  const int code = plugin::Contained(kFailed, [&] { return plugin::RunBlock(syntax); });
+  // A process that the block has forked ends with it, for the host's work is the parent's. What the host has not yet
+  // written is the parent's too, so nothing is flushed.
+  if (::getpid() != process && !plugin::IsProcessOfLanguage()) ::_exit(code);
+  return code;
 }
 
 VEXADX_API int stop_embedded_x() { return plugin::Contained(kFailed, stop); }

@@ -142,11 +142,9 @@ int RunBlock(const char* text) {
   const bool hasEnded = R_ToplevelExec(&run, &block) == TRUE;
   UNPROTECT(1);
   const auto status = TakeQuitStatus();
-  // A process that the block has forked ends with it: the host's work is the parent's.
-  if (::getpid() != process) ::_exit(status.value_or(hasEnded ? 0 : plugin::kBlockFailed));
   if (status) return *status;
   if (hasEnded) return 0;
-  tellHost(block, target.IsHit());
+  if (::getpid() == process) tellHost(block, target.IsHit());  // a child that the block has forked ends here
   return plugin::kBlockFailed;
 }
 

@@ -260,6 +260,23 @@ TEST_F(Python, StartsRunsAndStopsOnDifferentThreads) {
 #endif
 }
 
+TEST_F(Python, AForkedChildEndsWithItsBlock) {
+  const struct {
+    const char* leaves;
+    int code;
+  } cases[] = {{"pass", 0}, {"sys.exit(3)", 3}, {"1/0", 1}, {"os._exit(4)", 4}};
+  const pid_t host = ::getpid();
+  ASSERT_EQ(0, Start());
+  for (const auto& c : cases) {
+    const int code =
+        Run("import os, sys\nif child := os.fork():\n"
+            "    sys.exit(os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]))\nelse:\n    "s +
+            c.leaves);
+    if (::getpid() != host) ::_exit(99);
+    EXPECT_EQ(c.code, code) << c.leaves;
+  }
+}
+
 TEST_F(Python, LeavesTheHostsStateAlone) {
   ::setenv("LC_ALL", "C.UTF-8", 1);
   ::setenv("PYTHONFAULTHANDLER", "1", 1);
