@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <cwchar>
 #include <memory>
@@ -11,16 +10,13 @@
 #include <utility>
 
 #include "clexdsmb.h"
+#include "invariant.h"
 #include "wireformat.h"
 
 namespace {
 
 using wireformat::kIntLen;
 using wireformat::kWideCharLen;
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 std::string messageOf(CleXDSmb& block) {
   int length = 0;
