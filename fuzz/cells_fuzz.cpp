@@ -20,12 +20,6 @@ namespace {
 
 constexpr int kCell = sizeof(OBS);
 
-std::unique_ptr<char[]> exactly(std::string_view bytes) {
-  auto copy = std::make_unique<char[]>(bytes.size());
-  std::copy(bytes.begin(), bytes.end(), copy.get());
-  return copy;
-}
-
 // Small numbers that make sense more often than not, and others.
 int number(Input& input) {
   const int small = input.Get<signed char>();
@@ -64,7 +58,7 @@ void checkString(CursorDataSmb& cursor, unsigned variable, std::string_view chun
   constexpr int kWidest = 1 << 16;
   if (width > kWidest) return;  // no room for it
   const auto room = static_cast<std::size_t>(std::max(width, 0));
-  const std::unique_ptr<char[]> destination = exactly(std::string(room, '#'));
+  const std::unique_ptr<char[]> destination = Exactly(std::string(room, '#'));
   char* text = destination.get();
   int status = -1;
   const int code = cursor.GetStringValue(variable, text, 0, status);
@@ -100,7 +94,7 @@ void runCursor(Input& input) {
     const int said = cursor.m_caseCount;
     const int endCode = cursor.m_endCode;
     const std::string_view chunk = input.Bytes(input.Get<std::uint16_t>() % 512);
-    cursor.SetCasePtr(exactly(chunk).get(), static_cast<int>(chunk.size()));
+    cursor.SetCasePtr(Exactly(chunk).get(), static_cast<int>(chunk.size()));
     std::int64_t row = 0;
     for (int code = 0; code == 0; ++row) {
       const std::int64_t first = row * (cursor.m_caseSize / kCell);
@@ -146,7 +140,7 @@ void runCase(Input& input) {
         break;
       case 4: {
         const std::string_view bytes = input.Bytes(input.Below(256));
-        data.SetCaseValue(exactly(bytes).get(), static_cast<int>(bytes.size()));
+        data.SetCaseValue(Exactly(bytes).get(), static_cast<int>(bytes.size()));
         const OBS* const held = data.GetCaseValue(size);
         require(size == static_cast<int>(bytes.size()));
         require(std::memcmp(held, bytes.data(), bytes.size()) == 0);

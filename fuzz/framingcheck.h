@@ -12,6 +12,7 @@
 
 #include "clexdsmb.h"
 #include "framing.h"
+#include "input.h"
 #include "invariant.h"
 #include "vexadx_codes.h"
 #include "wireformat.h"
@@ -45,17 +46,9 @@ struct Expected {
     code = malformed;
     if (!isLong || taken > awaited) return;
     int length = 0;
-    block->ParseBuf(std::unique_ptr<char[]>(exactly(stream, taken)).get());
+    block->ParseBuf(Exactly(std::string_view(stream).substr(0, taken)).get());
     (void)block->GetSendBuf(length);
     if (length > 0) code = block->GetErrorCode();
-  }
-
- private:
-  // In memory whose end the address sanitizer knows.
-  static std::unique_ptr<char[]> exactly(const std::string& stream, std::size_t length) {
-    auto bytes = std::make_unique<char[]>(length);
-    std::copy_n(stream.data(), length, bytes.get());
-    return bytes;
   }
 };
 

@@ -4,9 +4,16 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <string>
+#include <memory>
 #include <string_view>
 #include <utility>
+
+// A copy in memory whose end the address sanitizer knows.
+inline std::unique_ptr<char[]> Exactly(std::string_view bytes) {
+  auto copy = std::make_unique<char[]>(bytes.size());
+  std::copy(bytes.begin(), bytes.end(), copy.get());
+  return copy;
+}
 
 // An input taken apart from its front. Past its end everything is zero or empty.
 class Input {

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "clexdsmb.h"
+#include "input.h"
 #include "invariant.h"
 #include "wireformat.h"
 
@@ -29,7 +30,7 @@ std::string messageOf(CleXDSmb& block) {
 bool isMessage(const std::string& bytes) {
   CleXDSmb block;
   int length = 0;
-  require(block.ParseBuf(bytes.data()) == 0);
+  require(block.ParseBuf(Exactly(bytes).get()) == 0);
   (void)block.GetSendBuf(length);
   const std::unique_ptr<char[]> binary(block.GetBinaryData());
   return length > 0;
@@ -79,16 +80,16 @@ std::string expectedOf(const std::string& message, CleXDSmb& block) {
 void check(const std::string& bytes) {
   CleXDSmb block;
   if (isMessage(bytes)) {
-    require(block.ParseBuf(bytes.data()) == 0);
+    require(block.ParseBuf(Exactly(bytes).get()) == 0);
     const std::string expected = expectedOf(bytes, block);
     require(messageOf(block) == expected);
-    require(block.ParseBuf(bytes.data()) == 0);  // behind what it has
+    require(block.ParseBuf(Exactly(bytes).get()) == 0);  // behind what it has
     const std::unique_ptr<char[]> binary(block.GetBinaryData());
   } else {
     block.SetLong(1);
     block.SetwString(L"held");
     const std::string before = messageOf(block);
-    require(block.ParseBuf(bytes.data()) == 0);
+    require(block.ParseBuf(Exactly(bytes).get()) == 0);
     require(messageOf(block) == before);
   }
 }
