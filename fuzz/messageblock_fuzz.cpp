@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <cwchar>
 #include <memory>
@@ -11,16 +10,14 @@
 #include <utility>
 
 #include "clexdsmb.h"
+#include "input.h"
+#include "invariant.h"
 #include "wireformat.h"
 
 namespace {
 
 using wireformat::kIntLen;
 using wireformat::kWideCharLen;
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 std::string messageOf(CleXDSmb& block) {
   int length = 0;
@@ -33,7 +30,7 @@ std::string messageOf(CleXDSmb& block) {
 bool isMessage(const std::string& bytes) {
   CleXDSmb block;
   int length = 0;
-  require(block.ParseBuf(bytes.data()) == 0);
+  require(block.ParseBuf(Exactly(bytes).get()) == 0);
   (void)block.GetSendBuf(length);
   const std::unique_ptr<char[]> binary(block.GetBinaryData());
   return length > 0;
@@ -83,16 +80,16 @@ std::string expectedOf(const std::string& message, CleXDSmb& block) {
 void check(const std::string& bytes) {
   CleXDSmb block;
   if (isMessage(bytes)) {
-    require(block.ParseBuf(bytes.data()) == 0);
+    require(block.ParseBuf(Exactly(bytes).get()) == 0);
     const std::string expected = expectedOf(bytes, block);
     require(messageOf(block) == expected);
-    require(block.ParseBuf(bytes.data()) == 0);  // behind what it has
+    require(block.ParseBuf(Exactly(bytes).get()) == 0);  // behind what it has
     const std::unique_ptr<char[]> binary(block.GetBinaryData());
   } else {
     block.SetLong(1);
     block.SetwString(L"held");
     const std::string before = messageOf(block);
-    require(block.ParseBuf(bytes.data()) == 0);
+    require(block.ParseBuf(Exactly(bytes).get()) == 0);
     require(messageOf(block) == before);
   }
 }

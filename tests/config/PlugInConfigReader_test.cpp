@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "temphome.h"
@@ -43,13 +44,13 @@ class Profile : public testing::Test {
 }  // namespace
 
 TEST_F(Profile, AnswersSectionsKeysAndValues) {
-  Write("[SUPPORTED_LANG]\nX=R;PYTHON\nTRACE=/tmp/dx.log\n");
+  Write("[SUPPORTED_LANG]\nX=R;PYTHON\n \t\n;comment\n\nTRACE=/tmp/dx.log\n[T]\nX=2\n[SUPPORTED_LANG]\nHOME=\n");
   EXPECT_EQ(Value("R;PYTHON"), Ask("SUPPORTED_LANG", "X"));
   EXPECT_EQ(Value("R;PYTHON"), Ask("supported_lang", "x"));
-  EXPECT_EQ(Names({"SUPPORTED_LANG"}), Ask(nullptr, nullptr));
-  EXPECT_EQ(Names({"SUPPORTED_LANG"}), Ask("", "X"));
+  EXPECT_EQ(Names({"SUPPORTED_LANG", "T", "SUPPORTED_LANG"}), Ask(nullptr, nullptr));
+  EXPECT_EQ(Names({"SUPPORTED_LANG", "T", "SUPPORTED_LANG"}), Ask("", "X"));
   EXPECT_EQ(Names({"X", "TRACE"}), Ask("SUPPORTED_LANG", nullptr));
-  EXPECT_EQ(kNothing, Ask("SUPPORTED_LANG", "HOME"));
+  EXPECT_EQ(kNothing, Ask("SUPPORTED_LANG", "HOME")) << "of the first section of a name";
   EXPECT_EQ(kNothing, Ask("R", "X"));
   EXPECT_EQ(kNothing, Ask("R", nullptr));
 }
@@ -101,6 +102,17 @@ TEST_F(Profile, SplitsLongLines) {
     Write("[S]\nKEY=" + std::string(length - 4, 'a') + "\n");
     EXPECT_EQ(Value(std::string(std::min<std::size_t>(length, 2047) - 4, 'a')), Ask("S", "KEY")) << length;
   }
+}
+
+TEST_F(Profile, MayBeLarge) {
+  constexpr int kSections = 100'000;
+  std::string text;
+  for (int i = 0; i < kSections; ++i) text += "[A" + std::to_string(i) + "]\nKEY=v\n";
+  Write(text + "[LAST]\nI=" + std::string(1000, 'i') + "\n");
+  EXPECT_EQ(Value(std::string(1000, 'i')), Ask("last", "i"));
+  EXPECT_EQ(kNothing, Ask("LAST", "KEY"));
+  const std::string names = Ask(nullptr, nullptr, text.size()).text;
+  EXPECT_EQ(kSections + 1, std::count(names.begin(), names.end(), '\0'));
 }
 
 TEST_F(Profile, NeverPlacesMoreThanFits) {

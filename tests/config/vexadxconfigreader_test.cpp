@@ -81,6 +81,7 @@ TEST_F(Configuration, GivesEachEngineItsSection) {
 TEST_F(Configuration, IsReadOnce) {
   Configure("[CTEST]\nMYVAR=1\n");
   XConfigOptions* options = Reader().GetOptions("CTEST");
+  EXPECT_TRUE(Reader().GetOptions("NOSUCH")->GetXEnvVars().empty());
   const auto expectRead = [&](const std::string& other) {
     EXPECT_EQ(options, Reader().GetOptions("CTEST"));
     EXPECT_EQ("1", options->GetXEnvVars()["MYVAR"]);

@@ -47,6 +47,7 @@ TEST(Expansion, FollowsEarlierVariables) {
       {{{"A", "$A"}, {"B", "$A/y"}}, "$A/y"},
       {{{"A", "a$B"}, {"B", "b$A"}, {"C", "$A/x"}}, "ab$A/x"},
       {{{"B/", "$A/}"}, {"A", "${B"}, {"C", "$A/}/z"}}, "$A/}/z"},
+      {{{"B/", "y$"}, {"A", "${B"}, {"C", "$A/}A/z"}}, "y$A/z"},
       // The same reference twice, one behind the other, is not inside its own product.
       {{{"A", "a"}, {"C", "$A/$A/${A}${A}"}}, "a/a/aa"},
   };

@@ -45,6 +45,19 @@ TEST(CmdArgument, SplitsALineAtEveryBlank) {
   }
 }
 
+TEST(CmdArgument, MayBeManyOrLong) {
+  const std::pair<std::string, Texts> kCases[] = {{std::string(100'000, ' '), Texts(100'000)},
+                                                  {std::string(200'000, 'a'), {std::string(200'000, 'a')}}};
+  for (const auto& [line, want] : kCases) {
+    XCmdArgument arguments(line);
+    EXPECT_TRUE(want == vectorOf(arguments));
+    EXPECT_EQ(line.size() + (line[0] == ' ' ? 0 : 1), lineOf(arguments)->size());
+  }
+  const char* texts[] = {"a", nullptr};
+  XCmdArgument arguments(2, texts);
+  EXPECT_EQ((Texts{"a", ""}), vectorOf(arguments));
+}
+
 TEST(CmdArgument, BuildsNothingFromNothing) {
   XCmdArgument none;
   XCmdArgument empty("");
@@ -54,9 +67,11 @@ TEST(CmdArgument, BuildsNothingFromNothing) {
     EXPECT_EQ(std::nullopt, lineOf(*arguments));
     arguments->cleanc();
   }
-  XCmdArgument counted(0, nullptr);
-  EXPECT_EQ(Texts{}, vectorOf(counted));
-  EXPECT_EQ(std::nullopt, lineOf(counted));
+  for (const int count : {0, 3, -1}) {
+    XCmdArgument counted(count, nullptr);
+    EXPECT_EQ(Texts{}, vectorOf(counted));
+    EXPECT_EQ(std::nullopt, lineOf(counted));
+  }
 }
 
 TEST(CmdArgument, EachFormIsBuiltAnewAfterAChange) {

@@ -128,8 +128,14 @@ TEST(MessageBlock, ReplacesWhatItIsToldToReplace) {
   block.ParseBuf(MessageOf(none).data());
   (void)block.GetVoidData(length);
   EXPECT_EQ(0, length);
-  block.SetVoidData(nullptr, 100);
-  EXPECT_EQ(nullptr, block.GetVoidData(length));
+  for (const bool allocated : {false, true}) {
+    if (allocated) {
+      EXPECT_EQ(nullptr, block.AllocVoidData(-1));
+    } else {
+      block.SetVoidData(nullptr, 100);
+    }
+    EXPECT_EQ(nullptr, block.SaveDataIntoVoidData("abc", 3).GetVoidData(length));
+  }
   EXPECT_EQ(0, length);
 }
 
@@ -138,6 +144,10 @@ TEST(MessageBlock, IsUnchangedByWhatIsNoMessage) {
   fill(block);
   const std::string message = MessageOf(block);
   EXPECT_EQ(0, block.ParseBuf(nullptr));
+  block.SetString(nullptr, 3);
+  block.SetString("abc", -1);
+  block.SaveDataIntoVoidData(nullptr, 3).SaveDataIntoVoidData("abc", 0).SaveDataIntoVoidData("abc", -1);
+  block.SaveDataIntoVoidData("abc", 2147483647);
   std::string wrong = message;
   wrong[12] = 2;  // one integer more than there is
   EXPECT_EQ(0, block.ParseBuf(wrong.data()));

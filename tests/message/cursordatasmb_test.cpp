@@ -31,6 +31,7 @@ TEST(Obs, IsComparedBitByBit) {
   EXPECT_FALSE(AsOBS(-0.0) == 0.0);
   EXPECT_TRUE(AsOBS(-0.0) != AsOBS(0.0));
   EXPECT_TRUE(ObsEqual(cell("ab"), cell("ab")));
+  EXPECT_FALSE(cell("ab") == cell("ac"));
 }
 
 TEST(Obs, IsOneOfAsManyAsAVariableTakes) {
@@ -57,7 +58,7 @@ TEST(Cursor, KnowsMissingNumbers) {
       {1, {kNaN, 2, 3}, {{kNaN, 1}}},
       {2, {1, 2, 3}, {{1, 1}, {2, 1}, {3, 0}}},
       {3, {1, 2, 3}, {{1, 1}, {2, 1}, {3, 1}, {4, 0}, {system, 2}}},
-      {4, {1, 2, 3}, {{1, 0}}},
+      {4, {1, 2, 3}, {{1, 0}, {2, 0}}},
   };
   for (const auto& c : cases) {
     const VarInfo info{0, AsOBS(c.missing[0]), AsOBS(c.missing[1]), AsOBS(c.missing[2]), c.kind};
@@ -204,6 +205,18 @@ TEST(Cursor, RefusesWhatIsNotThere) {
   EXPECT_EQ(0, cursor.GetStringValue(3, destination, 0, status));
   EXPECT_STREQ("before", room);
   EXPECT_EQ(1900, cursor.NextCase());
+  const struct {
+    int caseSize;
+    int caseIndex;
+  } kWrong[] = {{-24, 0}, {24, -2}, {24, INT_MAX}, {INT_MAX, 0}};
+  for (const auto& wrong : kWrong) {
+    cursor.SetCasePtr(cells.data(), 24);
+    cursor.m_caseSize = wrong.caseSize;
+    cursor.m_caseIndex = wrong.caseIndex;
+    cursor.m_caseCount = INT_MAX;
+    EXPECT_EQ(1900, cursor.NextCase()) << wrong.caseSize << ' ' << wrong.caseIndex;
+    EXPECT_EQ(10, cursor.GetNumericValue(0, value, status));
+  }
   cursor.SetCasePtr(cells.data(), -1);
   EXPECT_EQ(-1, cursor.m_caseIndex);
 }

@@ -59,8 +59,10 @@ TEST(DatastepCase, IsReadAndWrittenByCell) {
   for (const int type : {0, 10, 5, 0}) data.AddVarType(type);
   EXPECT_EQ((std::vector<int>{1, 2, 1, 1}), data.m_obsCount);
   EXPECT_EQ(0, data.m_caseSize);
-  data.m_obsOffset = {0, 1, 3, 4};
-  EXPECT_EQ(10, data.SetNCellValue(0, 1)) << "no case";
+  for (const std::vector<int>& offsets : {std::vector<int>{}, {-1}, {0, 1, 3, 4}}) {
+    data.m_obsOffset = offsets;
+    EXPECT_EQ(10, data.SetNCellValue(0, 1)) << "no case";
+  }
   data.SetOneCaseSize(32);
 
   int missing = -1;
@@ -100,8 +102,15 @@ TEST(DatastepCase, IsReadAndWrittenByCell) {
   EXPECT_EQ(56, code);
   EXPECT_EQ(nullptr, data.GetCCellValue(0, code));
   EXPECT_EQ(57, code);
-  data.m_obsCount[1] = 0;
-  EXPECT_EQ(56, data.SetCCellValue(1, "x"));
+  const std::pair<int, int> counts[] = {{0, 56}, {-1, 10}, {INT_MAX, 10}};
+  for (const auto& [count, wrong] : counts) {
+    data.m_obsCount[1] = count;
+    EXPECT_EQ(wrong, data.SetCCellValue(1, "x")) << count;
+  }
+  data.m_obsCount.clear();
+  EXPECT_EQ(10, data.SetCCellValue(1, "x"));
+  data.m_varTypes[1] = -5;
+  EXPECT_STREQ("", std::unique_ptr<char[]>(data.GetCCellValue(1, code)).get());
 }
 
 TEST(DatastepCase, FollowsItsVariables) {
@@ -152,5 +161,11 @@ TEST(DatastepCase, FollowsItsVariables) {
   data.SetOneCaseSize(13);
   data.SetOneCaseSize(-8);
   data.SetCaseValue(nullptr, 8);
+  data.SetCaseValue(cells.data(), -8);
   EXPECT_EQ(13, data.m_caseSize);
+  data.SetCaseValue(cells.data(), 0);
+  EXPECT_EQ(0, data.m_caseSize);
+  data.m_caseSize = INT_MAX;
+  data.InsertVarType(0, 8);  // would make it larger than any
+  EXPECT_EQ(INT_MAX, data.m_caseSize);
 }

@@ -143,6 +143,8 @@ TEST_F(CommandTest, IsOneIntegerAndNothingElse) {
   for (int i = 0; i < 2; ++i) request.SetLong(DXCmdDispatcher::kStopDX);
   EXPECT_EQ(0, visitor.VisitReceiver(request, reply));
   EXPECT_EQ(0, reply.GetErrorCode());
+  for (int i = 0; i < 1'000'000; ++i) request.SetLong(i);
+  EXPECT_EQ(0, visitor.VisitReceiver(request, reply));
 }
 
 TEST_F(CommandTest, IsAnsweredByAFunctionJustAsWell) {

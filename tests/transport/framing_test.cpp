@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #ifdef __GLIBC__
@@ -211,6 +212,7 @@ TEST(Framing, EmptiesABlockThatWasSentAndNoOther) {
     const std::string message = MessageOf(block);
     EXPECT_EQ(99104, SendData(&writer, block, true)) << "there is no pipe";
     EXPECT_EQ(message, MessageOf(block));
+    EXPECT_EQ(99104, ReceiveData(&reader, block, true));
     ASSERT_EQ(0, reader.CreatePipe());
     ASSERT_EQ(0, reader.OpenPipeToUnBlockRead());
     ASSERT_EQ(0, writer.OpenPipeToWrite());
@@ -235,6 +237,25 @@ TEST(Framing, EmptiesABlockThatWasSentAndNoOther) {
     EXPECT_EQ(nullptr, block.GetSendBuf(length));
     EXPECT_EQ(0, block.GetStringData().Size());
   }
+}
+
+TEST(Framing, AnswersWhatTheSystemRefusesASocket) {
+  JavaPlugInSocket first;
+  JavaPlugInSocket second;
+  EXPECT_EQ(99121, second.AcceptSocket()) << "nothing is listened on";
+  EXPECT_EQ(-1, second.CloseSocket());
+  rlimit before{};
+  ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before));
+  const rlimit none{0, before.rlim_max};
+  ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &none));
+  EXPECT_EQ(99121, first.CreateSocket());
+  ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &before));
+  ASSERT_EQ(0, first.CreateSocket());
+  EXPECT_EQ(99122, second.CreateSocket(first.GetSocketPort())) << "it is another's";
+  unsigned long count = 7;
+  char byte = 0;
+  EXPECT_EQ(99122, second.ReadData(&byte, 1, count)) << "nobody is connected";
+  EXPECT_EQ(7u, count);
 }
 
 TEST(Framing, SendsTheJavaExtensionsDataAsTheyAre) {
@@ -270,6 +291,12 @@ TEST(Framing, SendsTheJavaExtensionsDataAsTheyAre) {
   int length = 0;
   EXPECT_EQ(nullptr, message.GetSendBuf(length));
   EXPECT_EQ(5, length);
+  for (const void* const none : {static_cast<const void*>("x"), static_cast<const void*>(nullptr)}) {
+    message.SetDataLen(none ? 0 : 5);
+    message.SetSendBuf(none);
+    EXPECT_EQ(none == nullptr, message.GetSendBuf(length) == nullptr);
+    EXPECT_EQ(message.GetDataLen(), length);
+  }
   EXPECT_TRUE(same.IsPackageMode());
   EXPECT_EQ("", same.GetCommandName() + same.GetExtensionPath());
 

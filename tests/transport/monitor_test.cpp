@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -124,6 +125,23 @@ TEST_F(MonitorTest, StopsAtOnceInEveryState) {
   ASSERT_TRUE(full.Start(0));
   full.Stop();
   ::close(peer);
+}
+
+TEST_F(MonitorTest, GoesOnWithoutWhatTheSystemRefuses) {
+  rlimit before{};
+  ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before));
+  const rlimit none{0, before.rlim_max};
+  ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &none));
+  MonitorThread reader(Path().c_str(), 1);  // cannot be woken up
+  ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &before));
+  ASSERT_TRUE(reader.Start(0));
+  ::close(OpenPeer(O_WRONLY));
+  EXPECT_TRUE(reader.WaitForStop()) << "with nobody to tell";
+  for (const int type : {0, 1}) {
+    MonitorThread nowhere(m_dir.Path("missing/status").c_str(), type);
+    ASSERT_TRUE(nowhere.Start(0));
+    nowhere.Stop();
+  }
 }
 
 TEST(MonitorDeathTest, HasOneOfTwoTypes) {

@@ -111,6 +111,22 @@ TEST_F(PipeTest, CarriesBytesUntilTheWriterCloses) {
   EXPECT_EQ(7u, count);
 }
 
+TEST_F(PipeTest, WaitsForTheFileToBeThere) {
+  const auto begin = std::chrono::steady_clock::now();
+  auto never = std::async(std::launch::async, [&] { return VexaPipe(Path("never")).VEXACreateFileR(); });
+  EXPECT_EQ(99104, VexaPipe(m_dir.Write("file", "text")).VEXACreateFileR()) << "it is no pipe";
+  VexaPipe reader(Path());
+  auto opened = std::async(std::launch::async, [&] { return reader.VEXACreateFileR(); });
+  VexaPipe writer(Path());
+  EXPECT_EQ(99104, writer.VEXACreateFile()) << "which does not wait for it";
+  ASSERT_EQ(0, writer.CreatePipe());
+  EXPECT_EQ(0, writer.VEXACreateFile());
+  EXPECT_EQ(0, opened.get());
+  EXPECT_EQ(99104, never.get());
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(15));
+  EXPECT_EQ(0, reader.ChangeReadMode() + reader.ChangeToUnBlockMode());
+}
+
 namespace {
 
 void writeWithoutReader(const std::string& path) {
