@@ -85,9 +85,15 @@ constexpr struct {
     {"flush-to-zero", &flushToZero},
     {"close", [] { (void)::close(STDOUT_FILENO); }},
 
+    {"descriptor", [] { (void)!::dup(STDERR_FILENO); }},
+
     {"exit", [] { std::exit(3); }},
     {"abort", [] { std::abort(); }},
     {"null", &writeToNowhere},
+    {"never-return",
+     [] {
+       for (;;) ::pause();
+     }},
 
     {"output-null", [] { output(nullptr, 4); }},
     {"output-negative", [] { output("text", -1); }},

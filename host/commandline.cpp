@@ -119,6 +119,36 @@ void AddJson(CLI::App& command, CommandLine& result) {
   command.add_flag("--json", result.json, "Write one JSON object a line to standard output");
 }
 
+CLI::App* AddCertify(CLI::App& app, CommandLine& result) {
+  CLI::App* certify = app.add_subcommand("certify", "Examine which rules an X process program or a plug-in keeps");
+  Certificate& certificate = result.certificate;
+  certify->add_option("FILE", certificate.file, "The program or the plug-in library")->required();
+  const auto kind = [&](const char* name, Certificate::Kind which, const char* what) {
+    return certify->add_flag_callback(
+        name, [&certificate, which] { certificate.kind = which; }, what);
+  };
+  CLI::Option* const program = kind("--program", Certificate::Kind::kProgram, "FILE is a program");
+  kind("--plug-in", Certificate::Kind::kPlugin, "FILE is a plug-in library")->excludes(program);
+  certify->add_option("--engine", certificate.engine, "The X that it plays")->type_name("X")->capture_default_str();
+  certify->add_option("--library", certificate.library, "The plug-in library that the program loads")
+      ->type_name("FILE|NAME");
+  certify->add_option("--block", certificate.block, "A block that answers 0; empty when left out")->type_name("TEXT");
+  certify->add_option("--endless-block", certificate.endlessBlock, "A block that ends only when it is interrupted")
+      ->type_name("TEXT");
+  certify->add_option("--set", certificate.section, "An option for its section of the configuration; may be repeated")
+      ->allow_extra_args(false)
+      ->type_name("KEY=VALUE");
+  certify->add_option("--rule", certificate.rules, "Examine this rule, and those that it needs; may be repeated")
+      ->allow_extra_args(false)
+      ->type_name("NAME");
+  certify->add_option("--timeout", certificate.seconds, "The time for each rule")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.1, 86400.0))
+      ->capture_default_str();
+  AddJson(*certify, result);
+  return certify;
+}
+
 }  // namespace
 
 std::optional<CommandLine> ParseCommandLine(int argc, char** argv) {
@@ -148,6 +178,8 @@ std::optional<CommandLine> ParseCommandLine(int argc, char** argv) {
   AddTrace(*doctor, result);
   AddJson(*doctor, result);
 
+  const CLI::App* certify = AddCertify(app, result);
+
   try {
     app.parse(Arguments(argc, argv));
   } catch (const CLI::ParseError& error) {
@@ -159,6 +191,7 @@ std::optional<CommandLine> ParseCommandLine(int argc, char** argv) {
   result.engine = UpperString(result.engine);
   if (engines->parsed()) result.command = CommandLine::Command::kEngines;
   if (doctor->parsed()) result.command = CommandLine::Command::kDoctor;
+  if (certify->parsed()) result.command = CommandLine::Command::kCertify;
   if (run->parsed()) {
     result.sources = sources.InOrder(*run);
     CheckEngineOptions(result, javaOptions->count_all() > 0);

@@ -28,8 +28,22 @@ struct TimeLimits {
   double stop = 0;
 };
 
+// What is examined for the rules of an X process program or of a plug-in library.
+struct Certificate {
+  enum class Kind { kBySight, kProgram, kPlugin };
+  std::string file;
+  Kind kind = Kind::kBySight;
+  std::string engine = "CERTIFY";
+  std::string library;  // that the program is to load: a file, or a name that the home's lib directory has
+  std::string block;
+  std::string endlessBlock;
+  std::vector<std::string> section;  // KEY=VALUE, of its section of the configuration
+  std::vector<std::string> rules;    // none: all
+  double seconds = 30;               // for one rule
+};
+
 struct CommandLine {
-  enum class Command { kRun, kEngines, kDoctor };
+  enum class Command { kRun, kEngines, kDoctor, kCertify };
   Command command = Command::kRun;
   std::string engine;                // upper case; empty stands for every engine where one need not be named
   std::vector<BlockSource> sources;  // in the order of the command line
@@ -41,6 +55,7 @@ struct CommandLine {
   std::string trace;  // empty: as configured
   JavaCommand javaCommand;
   TimeLimits limits;
+  Certificate certificate;
 };
 
 // Throws Problem for wrong usage. Nothing comes back when printing help or the version was all that was asked.

@@ -7,3 +7,4 @@
 int Run(const CommandLine& commandLine, Report& report);
 int Engines(Report& report);
 int Doctor(const CommandLine& commandLine, Report& report);
+int Certify(const CommandLine& commandLine, Report& report);

@@ -4,6 +4,7 @@
 enum ExitStatus : int {
   kAllSucceeded = 0,
   kBlockFailed = 1,         // a block answered a code other than 0
+  kRuleBroken = 1,          // what was examined breaks a rule
   kWrongUsage = 2,          // command line wrong, input not readable, output not writable
   kNotStarted = 3,          // the engine could not be started
   kEngineDied = 4,          // the engine's process died, or the connection to it broke, during the run

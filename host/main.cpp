@@ -16,6 +16,8 @@ int Dispatch(const CommandLine& commandLine, Report& report) {
       return Engines(report);
     case CommandLine::Command::kDoctor:
       return Doctor(commandLine, report);
+    case CommandLine::Command::kCertify:
+      return Certify(commandLine, report);
     case CommandLine::Command::kRun:
       break;
   }

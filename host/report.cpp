@@ -183,6 +183,20 @@ void Report::Check(const CheckResult& result) {
   if (!result.ok) WriteLine("  to do: " + result.advice);
 }
 
+void Report::Rule(const RuleResult& result) {
+  if (m_json) {
+    WriteLine(Line({{"type", "rule"},
+                    {"name", result.name},
+                    {"rule", result.rule},
+                    {"result", result.result},
+                    {"detail", result.detail},
+                    {"seconds", result.seconds}}));
+    return;
+  }
+  WriteLine(result.name + ": " + result.result + ": " + result.rule);
+  if (!result.detail.empty()) WriteLine("  " + result.detail);
+}
+
 int Report::End(int status) {
   if (m_json) WriteLine(Line({{"type", "end"}, {"status", status}}));
   if (m_writeError == 0) return status;

@@ -54,6 +54,15 @@ struct CheckResult {
   std::string advice;  // what to do when it is not ok
 };
 
+// What became of one rule that a program or plug-in is examined for.
+struct RuleResult {
+  std::string name;
+  std::string rule;    // in a sentence
+  std::string result;  // kept, broken or not examined
+  std::string detail;  // what was seen, or why it was not examined; may be empty
+  double seconds = 0;
+};
+
 // Everything that vexadx says. In plain words standard output belongs to the blocks of a run and vexadx speaks on
 // standard error; the lists of the other commands are what standard output is asked for. As JSON, standard output
 // carries one object a line and nothing else: whatever writes to the process's standard output meanwhile goes to
@@ -84,6 +93,7 @@ class Report {
 
   void Engine(const EngineState& engine);
   void Check(const CheckResult& result);
+  void Rule(const RuleResult& result);
 
   // The last line. Answers the status to end with: output that could not be written is not a success.
   int End(int status);

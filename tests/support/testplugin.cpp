@@ -1,14 +1,17 @@
 // A plug-in library for the tests. Its codes come from the environment (CTEST_INIT, CTEST_PRE, CTEST_POST, CTEST_STOP;
-// 0 when unset) and a block's from its text; the block "wait" never ends, and the block "child" starts a process that
-// lives for a minute. The last block's text is in the file CTEST_BLOCK. Compiled with WITHOUT_<entry point> it lacks that
-// one.
+// 0 when unset) and a block's from its text; the block "wait" never ends, "loop" ends with 130 when it is interrupted,
+// and "child" starts a process that lives for a minute. The last block's text is in the file CTEST_BLOCK. Compiled with
+// WITHOUT_<entry point> it lacks that one.
 
 #include <pthread.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+
+#include "vexadx_plugin.h"
 
 #define ENTRY_POINT extern "C" __attribute__((visibility("default")))
 
@@ -27,6 +30,18 @@ int codeFrom(const char* variable) {
   while (true) ::pthread_cond_wait(&never, &mutex);
 }
 
+std::atomic<bool> gInterrupted{false};
+
+[[maybe_unused]] void interrupt() { gInterrupted = true; }
+
+[[maybe_unused]] int waitForInterrupt() {
+  constexpr int kCode = 130;
+  constexpr useconds_t kLookUs = 1'000;
+  gInterrupted = false;
+  while (!gInterrupted) (void)::usleep(kLookUs);
+  return kCode;
+}
+
 [[maybe_unused]] void startChild() {
   if (::fork() != 0) return;
   (void)::alarm(60);
@@ -38,7 +53,12 @@ int codeFrom(const char* variable) {
 }  // namespace
 
 #ifndef WITHOUT_setup_dxcallback
-ENTRY_POINT void setup_dxcallback(void* callback) { *static_cast<int*>(callback) += 1; }
+ENTRY_POINT void setup_dxcallback(void* callback) {
+  const auto* const table = static_cast<const vexadx::HostCallback*>(callback);
+  if (table && std::memcmp(table->tag, vexadx::kHostCallbackTag, sizeof table->tag) == 0) {
+    table->setInterrupt(&interrupt);
+  }
+}
 #endif
 
 #ifndef WITHOUT_init_embedded_x
@@ -53,6 +73,7 @@ ENTRY_POINT int execute_x(char* syntax) {
   if (gOutput) gOutput(syntax, static_cast<int>(std::strlen(syntax)));
   if (const char* const file = std::getenv("CTEST_BLOCK")) std::ofstream(file, std::ios::binary) << syntax;
   if (std::strncmp(syntax, "wait", 4) == 0) waitForEver();
+  if (std::strncmp(syntax, "loop", 4) == 0) return waitForInterrupt();
   if (std::strncmp(syntax, "child", 5) == 0) startChild();
   return std::atoi(syntax);
 }
