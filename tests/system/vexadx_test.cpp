@@ -131,6 +131,7 @@ TEST_F(VexadxTest, WrongUsageIsExplained) {
 
 TEST_F(VexadxTest, AnEngineThatCannotRunIsExplainedAndTheDoctorNamesTheCheck) {
   home.Write("lib/libtext.dylib", "not a library\n");
+  home.AddPlugin("unresolved");
   for (const vexadx::PluginEntryPoint& entryPoint : vexadx::kPluginEntryPoints) {
     if (entryPoint.mandatory) home.AddPlugin(std::string("without_") + entryPoint.name);
   }
@@ -147,6 +148,7 @@ TEST_F(VexadxTest, AnEngineThatCannotRunIsExplainedAndTheDoctorNamesTheCheck) {
       {"LIB_NAME = ctest", 5, "library name", {"no plug-in library", "without blanks"}},
       {"LIB_NAME=gone", 3, "library", {home.Path("lib/libgone.dylib"), "does not exist", "LIB_NAME"}},
       {"LIB_NAME=text", 3, "entry points", {home.Path("lib/libtext.dylib"), "could not be loaded", "the loader says"}},
+      {"LIB_NAME=unresolved", 3, "entry points", {"could not be loaded", "undefined symbol: no_such_function"}},
       {"LIB_NAME=without_init_embedded_x", 3, "entry points", {"export: init_embedded_x;", "the loader says"}},
       {"LIB_NAME=without_execute_x", 3, "entry points", {"does not export: execute_x;"}},
       {"LIB_NAME=without_stop_embedded_x", 3, "entry points", {"does not export: stop_embedded_x;"}},
