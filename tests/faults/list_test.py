@@ -1,4 +1,4 @@
-"""Fails when a fault has no row in the table of faults, or a row neither names a test nor says why, or names none that is.
+"""Fails when a fault has no row in the table, or a row names neither a test nor a reason, or a test that there is not.
 
 Usage: list_test.py STARTX_FAULT TABLE TESTS_DIRECTORY CTEST BUILD_DIRECTORY
 """
@@ -23,12 +23,13 @@ def rows_of(text):
             yield (int(number), name), re.findall(r"`([^`]+)`", tests), reason.strip()
 
 
-# Those of the build, with their rows; and those written, as a build may leave some out: a language that it has not, what
-# a sanitizer stands in the way of.
+# Those of the build, with their rows; and those written, as a build may leave some out: a language that it has not,
+# what a sanitizer stands in the way of.
 there = {re.sub(r"\s+#.*", "", line.split(": ", 1)[1]) for line in lines_of(ctest, "-N", "--test-dir", build)
          if re.match(r"\s*Test +#", line)}
 for path in pathlib.Path(sources).rglob("*.cpp"):
-    there |= {".".join(names) for names in re.findall(r"^(?:TYPED_)?TEST(?:_F)?\((\w+),\s*(\w+)\)", path.read_text(), re.M)}
+    written = re.findall(r"^(?:TYPED_)?TEST(?:_F)?\((\w+),\s*(\w+)\)", path.read_text(), re.M)
+    there |= {".".join(names) for names in written}
 
 faults = [(int(line.split()[0]), line.split()[1]) for line in lines_of(program, "--list")]
 rows = list(rows_of(pathlib.Path(table).read_text()))

@@ -302,6 +302,9 @@ TEST_F(VexadxTest, AnEngineProgramThatCannotBeRunIsExplained) {
   EXPECT_EQ(126, outcome.status);
   ExpectWords(outcome.err,
               {"vexadx: error: the engine program " + program + " cannot be executed", "for this machine"});
+  // One that ends by itself.
+  home.Write("bin/startx", "#!/bin/sh\nexit 3\n");
+  ExpectProblem(3, {"the engine CTEST could not be started", "its process ended with exit status 3"}, run);
 }
 
 // Runs of the staged Python engine in a home and with a directory for pipes of its own.
