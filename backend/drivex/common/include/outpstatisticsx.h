@@ -76,6 +76,7 @@ class VEXADX_API OutpStatisticsX : public StatisticsX {
   VEXADX_HIDDEN void leaveEarlierProcess();
   VEXADX_HIDDEN int checkReady();
   VEXADX_HIDDEN int beginXRun();
+  VEXADX_HIDDEN void leaveWaiting();
   VEXADX_HIDDEN int sendCommand(int key);
   VEXADX_HIDDEN int executeJava();
 

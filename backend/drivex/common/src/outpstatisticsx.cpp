@@ -283,10 +283,21 @@ int OutpStatisticsX::beginXRun() {
   }
   int code = pipes.getCmdDispatcher(false)->sendCmd(DXCmdDispatcher::kSetupRunDX);
   TraceCode("setup_x_run cmdDispatcher sendCmd", code);
+  if (code == vexadx::kPipeFailed) leaveWaiting();
   if (code != kSuccess) return code;
   if (!result->IsWritePipeConnected()) (void)result->ConnectPipe();
+  if (code = result->OpenPipeToRead(); code != kSuccess) {
+    leaveWaiting();
+    return code;
+  }
   CleXDSmb reply;
-  return ReceiveData(result, reply, true);
+  return ReceiveData(result, reply);
+}
+
+// The process may have begun the run, and waits for this end of the result's pipe: it would answer no command any more,
+// not even to stop.
+void OutpStatisticsX::leaveWaiting() {
+  if (m_watch) m_watch->Signal(SIGTERM);
 }
 
 int OutpStatisticsX::exit_x_run() {
