@@ -461,8 +461,12 @@ std::time_t time(std::time_t* time) noexcept {
   return now;
 }
 
-// Of conditions that wait by the time of day, as they do unless made otherwise.
 int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* deadline) {
+  static constinit Next next(&::pthread_cond_timedwait, "pthread_cond_timedwait");
+#ifdef __GLIBC__
+  constexpr unsigned kMonotonic = 2;  // where the C library notes the clock that a condition was made with
+  if ((condition->__data.__wrefs & kMonotonic) != 0) return next.Get()(condition, mutex, deadline);
+#endif
   return waitByTheClock(condition, mutex, deadline);
 }
 

@@ -83,6 +83,7 @@ class VEXADX_API OutpStatisticsX : public StatisticsX {
   VEXADX_HIDDEN void leaveEarlierProcess();
   VEXADX_HIDDEN int checkReady();
   VEXADX_HIDDEN int beginXRun();
+  VEXADX_HIDDEN void leaveWaiting();
   VEXADX_HIDDEN int sendCommand(int key, vexadx::Step step);
   VEXADX_HIDDEN int executeJava();
 

@@ -71,7 +71,7 @@ class VEXADX_API VexaPipe {
 
   // Closes the pipe and removes a FIFO of ours, so that who has it open still does not meet a new other end.
   VEXADX_HIDDEN void dropEnd();
-  VEXADX_HIDDEN void discardLate();
+  VEXADX_HIDDEN int discardLate();
 
   VEXADX_HIDDEN int openWith(int mode);
   VEXADX_HIDDEN int openToWrite(int mode, const char* operation);

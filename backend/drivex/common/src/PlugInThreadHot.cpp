@@ -137,10 +137,16 @@ struct PlugInThreadHot::AttachedThread {
   }
 };
 
-// Never destroyed: threads may still end while the process does.
+// Never destroyed: threads may still end while the process does. It takes no memory, as waiting for a thread must not
+// fail.
 PlugInThreadHot::Registry& PlugInThreadHot::registry() {
-  static Registry& registry = *new Registry;
-  return registry;
+  union Kept {
+    Kept() : registry() {}
+    ~Kept() {}
+    Registry registry;
+  };
+  static Kept kept;
+  return kept.registry;
 }
 
 PlugInThreadHot::PlugInThreadHot()

@@ -75,8 +75,10 @@ int AsyCsPipe1::createPipeFile(VexaPipe*) { return kSuccess; }
 
 int AsyCsPipe1::send(CleXDSmb& request, CleXDSmb& reply) {
   (void)openPipe();
-  if (std::exchange(m_replyMissed, false))
-    m_clientPipe->discardLate();  // it answers nothing that is asked from here on
+  if (m_replyMissed) {  // it answers nothing that is asked from here on
+    if (const int code = m_clientPipe->discardLate(); code != kSuccess) return code;
+    m_replyMissed = false;
+  }
   int code = SendData(m_serverPipe.get(), request, true);
   TraceCode("AsyCsPipe1:send: SendData", code);
   if (code != kSuccess) return code;

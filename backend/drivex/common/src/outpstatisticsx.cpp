@@ -301,15 +301,21 @@ int OutpStatisticsX::beginXRun() {
   }
   int code = pipes.getCmdDispatcher(false)->sendCmd(DXCmdDispatcher::kSetupRunDX);
   TraceCode("setup_x_run cmdDispatcher sendCmd", code);
+  if (code == vexadx::kPipeFailed) leaveWaiting();
   if (code != kSuccess) return operation.CameTo(code);
   if (!result->IsWritePipeConnected()) (void)result->ConnectPipe();
   if (code = result->OpenPipeToRead(); code != kSuccess) {
-    // The process waits in its own opening of this pipe, and answers nothing more.
-    if (m_watch) endProcess(*m_watch);
+    leaveWaiting();
     return operation.CameTo(code);
   }
   CleXDSmb reply;
-  return operation.CameTo(ReceiveData(result, reply, true));
+  return operation.CameTo(ReceiveData(result, reply));
+}
+
+// The process may have begun the run, and waits for this end of the result's pipe: it would answer no command any more,
+// not even to stop.
+void OutpStatisticsX::leaveWaiting() {
+  if (m_watch) endProcess(*m_watch);
 }
 
 int OutpStatisticsX::exit_x_run() {

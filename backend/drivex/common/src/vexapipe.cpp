@@ -56,15 +56,17 @@ void VexaPipe::dropEnd() {
   if (::lstat(m_pipeName.c_str(), &status) == 0 && isOneOfOurs(status)) (void)::unlink(m_pipeName.c_str());
 }
 
-// What comes within a second and was not read.
-void VexaPipe::discardLate() {
+// What comes within a second and was not read. The other end may still be waiting for this one to open.
+int VexaPipe::discardLate() {
+  if (const int code = OpenPipeToRead(); code != kSuccess) return code;
+  pollfd waited{m_pipe, POLLIN, 0};
+  (void)::poll(&waited, 1, kAttemptMs);
   std::array<char, kPiece> bytes;
   int count = 0;
-  pollfd waited{m_pipe, POLLIN, 0};
-  (void)::poll(&waited, HasPipe() ? 1 : 0, HasPipe() ? kAttemptMs : 0);
-  while (HasPipe() && ::ioctl(m_pipe, FIONREAD, &count) == 0 && count > 0) {
-    if (::read(m_pipe, bytes.data(), bytes.size()) <= 0) return;
+  while (::ioctl(m_pipe, FIONREAD, &count) == 0 && count > 0) {
+    if (::read(m_pipe, bytes.data(), bytes.size()) <= 0) return kPipeFailed;
   }
+  return kSuccess;
 }
 
 void VexaPipe::SetPipeName(std::string name) { m_pipeName = std::move(name); }
