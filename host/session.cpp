@@ -113,6 +113,12 @@ std::string OwnEnd(OutpStatisticsX* engine) {
   return death.hasEnded && !death.byLibrary && death.status != -1 ? "; its process " + EndText(death) : "";
 }
 
+// The same of one that was too late, and signalled; its death may be a moment away.
+std::string LateEnd(OutpStatisticsX* engine) {
+  const std::string end = OwnEnd(engine);
+  return end.empty() ? "; its process was ended" : end;
+}
+
 bool IsOneFile(int descriptor, int other) {
   struct stat first;
   struct stat second;
@@ -237,7 +243,7 @@ std::vector<Deadline::Step> Session::endingSteps(const std::string& what) {
   if (!m_outside) return {{kAfterInterrupt, [this, what] { leave(what + " and cannot be ended but with vexadx"); }}};
   return {{kAfterInterrupt, [this] { signalEngine(SIGTERM); }},
           {kAfterTermination, [this] { signalEngine(SIGKILL); }},
-          {kAfterKill, [this, what] { leave(what + OwnEnd(m_outside)); }}};
+          {kAfterKill, [this, what] { leave(what + LateEnd(m_outside)); }}};
 }
 
 void Session::leave(const std::string& what) {
@@ -253,7 +259,7 @@ StartResult Session::Start() {
   Deadline deadline(Deadline::Seconds(m_limits.start), endingSteps(late));
   const int code = RegisteredDriver(m_registry, *m_engine, m_options)->initializeX();
   handOnOutput();
-  if (deadline.End() > 0) throw TimedOut(late + OwnEnd(m_outside));
+  if (deadline.End() > 0) throw TimedOut(late + LateEnd(m_outside));
   if (m_outside) {
     gProcess = vexadx::ProcessOf(*m_outside).id;
     interrupt::SetFunctions(&InterruptProcess, &EndProcess);
@@ -282,7 +288,7 @@ BlockResult Session::Run(Block& block) {
   const bool isEnded = isLate && HasLost(result.code);
   // A block that came to its end all the same was not cut short.
   result.interrupted = (driver->Interrupted() || isLate) && !isEnded && result.code != vexadx::kSuccess;
-  if (isLate) result.timedOut = TimedOut(late + (isEnded ? OwnEnd(m_outside) : "; it was interrupted"));
+  if (isLate) result.timedOut = TimedOut(late + (isEnded ? LateEnd(m_outside) : "; it was interrupted"));
   handOnOutput();
   return result;
 }
@@ -307,7 +313,7 @@ StopResult Session::Stop() {
   while (wasThere && !ProcessSoonEnded(*m_outside).hasEnded) {
   }
   if (deadline.End() > 0) {
-    result.timedOut = TimedOut(late + OwnEnd(m_outside));
+    result.timedOut = TimedOut(late + LateEnd(m_outside));
   } else if (wasThere || !m_outside) {
     result.code = code;
   }

@@ -1,7 +1,11 @@
 #include "runtime.h"
 
 #include <dlfcn.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
 
+#include <array>
 #include <csetjmp>
 #include <cstdlib>
 #include <filesystem>
@@ -13,6 +17,7 @@
 
 #include "console.h"
 #include "embeddedr.h"
+#include "host.h"
 #include "output.h"
 #include "turn.h"
 
@@ -62,6 +67,55 @@ void takeHooks() {
   R_Consolefile = nullptr;
 }
 
+// R tells where it crashed, in a process of its own. On the thread on which it was started alone, with the stack that
+// it has made for it there; and not for longer than a moment, as what it does takes memory, whose lock may be held.
+constexpr std::array kFaults{SIGSEGV, SIGBUS, SIGILL};
+constexpr unsigned kTellsWithin = 1;
+struct sigaction gActions[NSIG];  // of the process, before R's
+struct sigaction gTelling[NSIG];  // R's, of faults
+pthread_t gThreadOfFaults{};
+volatile sig_atomic_t gFault = 0;
+
+void dieOf(int fault) {
+  sigset_t only;
+  ::sigemptyset(&only);
+  ::sigaddset(&only, fault);
+  (void)::signal(fault, SIG_DFL);
+  (void)::pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
+  (void)::raise(fault);
+}
+
+void onFault(int fault, siginfo_t* info, void* context) {
+  if (gFault == 0 && ::pthread_equal(::pthread_self(), gThreadOfFaults)) {
+    gFault = fault;
+    (void)::signal(SIGALRM, [](int) { dieOf(gFault); });
+    (void)::alarm(kTellsWithin);
+    // It would jump back to the block from what it takes for an overflow of its stack.
+    R_CStackStart = R_CStackLimit = static_cast<std::uintptr_t>(-1);
+    gTelling[fault].sa_sigaction(fault, info, context);
+  }
+  dieOf(fault);
+}
+
+void keepActions() {
+  for (int signal = 1; signal < NSIG; ++signal) (void)::sigaction(signal, nullptr, &gActions[signal]);
+}
+
+void putActionsBack() {
+  for (const int fault : kFaults) (void)::sigaction(fault, nullptr, &gTelling[fault]);
+  for (int signal = 1; signal < NSIG; ++signal) (void)::sigaction(signal, &gActions[signal], nullptr);
+}
+
+void takeFaults() {
+  gThreadOfFaults = ::pthread_self();
+  for (const int fault : kFaults) {
+    if ((gTelling[fault].sa_flags & SA_SIGINFO) == 0) continue;
+    struct sigaction action = gTelling[fault];
+    action.sa_sigaction = &onFault;
+    (void)::sigaction(fault, &action, nullptr);
+  }
+}
+
 // R's modules look for names in the libraries that are open to all, and then in R's: our wait comes first.
 void openWaitToAll() {
   Dl_info wait{};
@@ -77,7 +131,15 @@ bool initialize(int argc, char** argv) {
   takeHooks();
   R_Interactive = FALSE;
   Turn::CheckThisStack();
-  setup_Rmainloop();
+  if (plugin::IsProcessOfLanguage()) {
+    R_SignalHandlers = 1;
+    keepActions();
+    setup_Rmainloop();
+    putActionsBack();
+    takeFaults();
+  } else {
+    setup_Rmainloop();
+  }
   return R_ToplevelExec(&OpenConsole, nullptr) == TRUE;
 }
 

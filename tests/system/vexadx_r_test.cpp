@@ -159,6 +159,21 @@ TEST_F(VexadxR, CtrlCInterruptsTheBlock) {
   }
 }
 
+// Other signals do what they do without R.
+TEST_F(VexadxR, TellsWhereItCrashed) {
+  const auto dying = [](const std::string& signal) {
+    return RunVexadx(Run("--out-of-process", {"f <- function() tools::pskill(Sys.getpid(), " + signal + ")", "f()"}));
+  };
+  const Outcome crashed = dying("11");
+  EXPECT_EQ(4, crashed.status);
+  ExpectWords(crashed.err, {"vexadx:    *** caught segfault ***\n", ": f()\n", "signal 11 (", "while it executed"});
+  for (const std::string signal : {"tools::SIGUSR1", "tools::SIGUSR2", "13"}) {
+    const Outcome ended = dying(signal);
+    EXPECT_EQ(4, ended.status);
+    EXPECT_EQ(std::string::npos, ended.err.find("caught")) << ended.err;
+  }
+}
+
 TEST_F(VexadxR, QuitIsTheBlocksCode) {
   for (const std::string& place : kPlaces) {
     const Outcome outcome = RunVexadx(Run(place, {"kept <- 1; q(status = 3); kept <- 2", "kept"}));

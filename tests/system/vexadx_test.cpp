@@ -575,6 +575,12 @@ TEST_F(VexadxPythonTest, AnEngineThatDefiesEverySignalGoesWithTheHost) {
   EXPECT_EQ(130, child.Wait());
 }
 
+#ifdef VEXADX_SANITIZED
+constexpr std::chrono::seconds kSlower{4};  // a sanitizer's programs and Java machine start slowly
+#else
+constexpr std::chrono::seconds kSlower{0};
+#endif
+
 // Wait returns once neither the engine's process nor a child of it is left.
 TEST_F(VexadxPythonTest, WhatTakesTooLongIsInterruptedOrEndedInTime) {
   home.AddPlugin("ctest");
@@ -622,11 +628,7 @@ TEST_F(VexadxPythonTest, WhatTakesTooLongIsInterruptedOrEndedInTime) {
        {"the start of the engine", "at the ready check"}},
       {faulty("EXITING", {"--start-timeout", "0.5"}), "started exit=3", 124, 4, {"exit status 3 during the start"}},
       {faulty("GONE", {}), "started exit=3", 3, 12, {"exit status 3 during the start"}},
-      {faulty("WEDGED", {}),
-       "stop-read silent",
-       124,
-       6,
-       {"the stop of the engine", "(--stop-timeout)", "was ended by"}},
+      {faulty("WEDGED", {}), "stop-read silent", 124, 6, {"the stop of the engine", "(--stop-timeout)", "was ended"}},
       {faulty("LINGERING", {"--stop-timeout", "0.5"}), "stopped silent", 124, 4, {"the stop of the engine"}},
   };
   std::string configuration = "[SUPPORTED_LANG]\nX=PYTHON;SILENT;EXITING;GONE;WEDGED;LINGERING\n";
@@ -641,7 +643,7 @@ TEST_F(VexadxPythonTest, WhatTakesTooLongIsInterruptedOrEndedInTime) {
       SCOPED_TRACE(testing::PrintToString(row.arguments));
       const auto begin = std::chrono::steady_clock::now();
       const Outcome outcome = RunVexadx(row.arguments + Strings{"--json"});
-      EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(row.within)) << outcome.err;
+      EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(row.within) + kSlower) << outcome.err;
       EXPECT_EQ(row.status, outcome.status) << outcome.err;
       EXPECT_EQ(std::string::npos, OutputOf(outcome.out).find("next"));
       const std::vector<Json> errors = ObjectsOf(outcome.out, "error");
