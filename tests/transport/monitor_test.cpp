@@ -117,9 +117,11 @@ TEST_F(MonitorTest, StopsAtOnceInEveryState) {
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
     ASSERT_TRUE(monitor.Start(0));  // and is destroyed running
   }
-  VexaPipe(Path()).CreatePipe();
+  VexaPipe again(Path());
+  ASSERT_EQ(0, again.CreatePipe());
   MonitorThread full(Path().c_str(), 0);
   const int peer = ::open(Path().c_str(), O_RDWR | O_NONBLOCK);
+  ASSERT_NE(-1, peer);
   while (::write(peer, "full", 4) == 4) {
   }
   ASSERT_TRUE(full.Start(0));
