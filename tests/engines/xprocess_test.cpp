@@ -115,7 +115,9 @@ class XProcess : public testing::Test {
   }
 
   // The report of a process that is really started, and found gone. Its environment is the one that was formed for it.
-  Report Start(const Engine& engine, int mode, const std::string& program, int gone, Texts host = {}) {
+  // Of one that the system refuses to start there is none.
+  Report Start(const Engine& engine, int mode, const std::string& program, int gone, Texts host = {},
+               bool isRefused = false) {
     PutReporterAt(program);
     ::signal(SIGCHLD, SIG_IGN);  // an ended process is gone at once
     XConfigOptions options(engine.xName);
@@ -127,7 +129,7 @@ class XProcess : public testing::Test {
     const Environment environment(host);
     EXPECT_EQ(gone, gone == kNoX ? started.stat_start_x() : started.stat_start_java());
     Report report = ReadReport(m_home.Path("report"));
-    EXPECT_EQ(EnvironmentOf(started), report.environment);
+    EXPECT_EQ(isRefused ? Texts{} : EnvironmentOf(started), report.environment);
     m_manager.getPipeSuit(engine.xName)->decreaseIndex();
     m_home.Remove("report");
     return report;
@@ -353,6 +355,25 @@ TEST_F(XProcess, OfTheJavaExtensionIsToldThePortAndTheCommand) {
                c.modeName, std::to_string(socket.GetSocketPort()), c.command}),
         report.arguments);
     (void)socket.CloseSocket();
+  }
+}
+
+// The system takes no text of 128 KiB or more.
+TEST_F(XProcess, GetsAsMuchAsTheSystemTakes) {
+  SetVEXAHOME(m_home.Path().c_str());
+  Texts many;
+  for (int i = 0; i < 5000; ++i) many.push_back("V" + std::to_string(i) + '=' + std::to_string(i));
+  many.push_back("LARGE=" + std::string(120'000, 'l'));
+  const std::string home = "/opt/it's \"x\"\n/../y/";
+  EXPECT_EQ(5U, Start({"CTEST", home, {}}, 1, "bin/startx", kNoX, many).arguments.size());
+  const struct {
+    Engine engine;
+    Texts host;
+  } kRefused[] = {{{"CTEST", "", {"LARGE=" + std::string(131'072, 'l')}}, {}},
+                  {{"CTEST", "", {}}, {"LARGE=" + std::string(131'072, 'l')}},
+                  {{"R", '/' + std::string(200'000, 'h'), {}}, {}}};
+  for (const auto& c : kRefused) {
+    EXPECT_TRUE(Start(c.engine, 1, "bin/startx", kNoX, c.host, true).arguments.empty()) << c.engine.xName;
   }
 }
 

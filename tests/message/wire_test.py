@@ -103,7 +103,8 @@ def examples():
         "long_lists": [[1], [], [2, 3]], "double_lists": [[1], []], "string_lists": [[b"a"], [], [b"", b"bc"]],
         "binary": b"abc", "wide": [0x68, 0xE9], "void": b"\0\1\2",
     }  # fmt: skip
-    return [Block(), *(Block(**{name: value}) for name, value in kinds.items()), Block(3, 99103, **kinds)]
+    large = Block(strings=[b"s" * 4000] * 3, void=b"v" * 7900, doubles=[1])
+    return [Block(), *(Block(**{name: value}) for name, value in kinds.items()), Block(3, 99103, **kinds), large]
 
 
 def broken(block):
@@ -115,7 +116,7 @@ def broken(block):
             wrong = bytearray(message)
             struct.pack_into("<i", wrong, at, max(-(2**31), min(value, 2**31 - 1)))
             yield bytes(wrong)
-    for length in range(len(message)):
+    for length in range(0, len(message), max(1, len(message) // 400)):
         yield message[:length]
         yield struct.pack("<i", length)[:length] + message[4:length]
     for more in (1, 4, 52, 8192):
@@ -138,6 +139,7 @@ def main():
         peer.check(encode(Block(void=b"v" * (size - 52))))
         peer.check(encode(Block(strings=[b"s" * (size - 56)])))
     peer.check(encode(Block(longs=list(range(100000)), doubles=[1] * 100000, strings=[b"x" * 12] * 10000)))
+    peer.check(encode(Block(long_lists=[[]] * 100000, double_lists=[[]] * 50000, string_lists=[[]] * 50000)))
     for block in examples():
         for message in broken(block):
             peer.check(message)

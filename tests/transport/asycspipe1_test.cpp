@@ -70,6 +70,8 @@ TEST_F(CommandTest, TravelsToAnotherProcessAndBack) {
     EXPECT_EQ(0, client.sendCmd(DXCmdDispatcher::kSetupRunDX));
     EXPECT_EQ(3, client.sendCmd(DXCmdDispatcher::kSetupRunDX, {"", "b", large}));
   }
+  EXPECT_EQ(100'000, client.sendCmd(DXCmdDispatcher::kSetupRunDX, Texts(100'000, "a")));
+  EXPECT_EQ(8, client.sendCmd(static_cast<DXCmdDispatcher::CmdKey>(-1))) << "that nobody knows";
   EXPECT_EQ(0, client.sendCmd(DXCmdDispatcher::kStopDX)) << "whatever the visitor answers";
   EXPECT_EQ(0, peer.Wait());
   EXPECT_NE(0, client.sendCmd(DXCmdDispatcher::kPingDX));
@@ -166,6 +168,16 @@ TEST_F(CommandTest, IsAnsweredByAFunctionJustAsWell) {
     // An error code in the request is what receiving it answers, so that the function is not asked.
     EXPECT_EQ(code == 0 ? "text!" : "", reply.GetSingleString());
   }
+}
+
+TEST_F(CommandTest, IsAnsweredWith0ByNobody) {
+  ForkedPeer peer([this] {
+    int (*const nobody)(CleXDSmb&, CleXDSmb&) = nullptr;
+    return AsyCsPipe1(Name(), true).receive(nobody);
+  });
+  awaitFile(Name() + "_s");
+  DXCmdDispatcher client(Name(), false);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(0, client.sendCmd(DXCmdDispatcher::kStopDX)) << "and nobody stops";
 }
 
 TEST(CommandDeathTest, SidesAreNotMixedUp) {

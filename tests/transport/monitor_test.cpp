@@ -4,6 +4,9 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#ifdef __linux__
+#include <sys/inotify.h>
+#endif
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -117,9 +120,11 @@ TEST_F(MonitorTest, StopsAtOnceInEveryState) {
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
     ASSERT_TRUE(monitor.Start(0));  // and is destroyed running
   }
-  VexaPipe(Path()).CreatePipe();
+  VexaPipe again(Path());
+  ASSERT_EQ(0, again.CreatePipe());
   MonitorThread full(Path().c_str(), 0);
   const int peer = ::open(Path().c_str(), O_RDWR | O_NONBLOCK);
+  ASSERT_NE(-1, peer);
   while (::write(peer, "full", 4) == 4) {
   }
   ASSERT_TRUE(full.Start(0));
@@ -143,6 +148,23 @@ TEST_F(MonitorTest, GoesOnWithoutWhatTheSystemRefuses) {
     nowhere.Stop();
   }
 }
+
+#ifdef __linux__
+TEST_F(MonitorTest, GoesOnWhenAnotherFileIsInThePlaceOfItsOwn) {
+  const std::string file = m_dir.Write("file", "untouched");
+  const int watch = ::inotify_init1(IN_CLOEXEC);
+  ASSERT_NE(-1, ::inotify_add_watch(watch, file.c_str(), IN_OPEN));
+  MonitorThread reader(file.c_str(), 1);
+  reader.SetExceptionHandle(&noteCall);
+  ASSERT_TRUE(reader.Start(0));
+  char events[256];
+  EXPECT_GT(::read(watch, events, sizeof events), 0) << "it has tried";
+  reader.Stop();
+  ::close(watch);
+  EXPECT_EQ(0, gCalls);
+  EXPECT_EQ("untouched", ReadFile(file));
+}
+#endif
 
 TEST(MonitorDeathTest, HasOneOfTwoTypes) {
   EXPECT_DEATH(MonitorThread("pipe", 2), "Un_supported_monitorType.*MonitorThread.*src/monitor");
