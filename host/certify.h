@@ -1,6 +1,9 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
+#include <functional>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -57,5 +60,11 @@ void Require(bool isSo, const std::string& otherwise);
 
 // The same for a code that has to be 0, in words that follow the code's number: "when a run began".
 void RequireSuccess(int code, const std::string& when);
+
+// Throws Broken when many runs cost the process descriptors or memory; answers what they cost.
+std::string RequireFlat(pid_t process, const std::function<void()>& run);
+
+// A block of bytes that are no text.
+inline constexpr const char* kOddBlock = "\x01\x7f\xff\xfe\r\xc3\r\n\xed\xa0\x80";
 
 }  // namespace certify

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "certify.h"
+#include "otherprocess.h"
 #include "problem.h"
 #include "report.h"
 #include "vexadx_codes.h"
@@ -216,6 +217,38 @@ void Note(const std::string& step) { put(gNotes->step, step); }
 
 void Require(bool isSo, const std::string& otherwise) {
   if (!isSo) throw Broken(otherwise);
+}
+
+namespace {
+
+struct Cost {
+  std::size_t descriptors;
+  long bytes;
+};
+
+Cost costOf(pid_t process) {
+  const auto descriptors = otherprocess::Descriptors(process);
+  const auto bytes = otherprocess::ResidentBytes(process);
+  if (!descriptors || !bytes) throw NotExamined("the system does not tell what the process has");
+  return {descriptors->size(), *bytes};
+}
+
+}  // namespace
+
+// What is lost is lost by each thousand; what a collector of garbage has not yet found is not.
+std::string RequireFlat(pid_t process, const std::function<void()>& run) {
+  constexpr int kRuns = 1'000;
+  constexpr long kGrowth = 1L << 20;
+  Cost costs[3];
+  for (Cost& cost : costs) {
+    for (int i = 0; i < kRuns; ++i) run();
+    cost = costOf(process);
+  }
+  Require(costs[2].descriptors <= costs[1].descriptors || costs[1].descriptors <= costs[0].descriptors,
+          "1,000 runs cost " + std::to_string(costs[2].descriptors - costs[1].descriptors) + " descriptors");
+  const long grown = std::min(costs[2].bytes - costs[1].bytes, costs[1].bytes - costs[0].bytes) / 1024;
+  Require(grown <= kGrowth / 1024, "1,000 runs cost " + std::to_string(grown) + " KiB");
+  return grown > 0 ? std::to_string(grown) + " KiB" : "";
 }
 
 void RequireSuccess(int code, const std::string& when) {
