@@ -31,7 +31,7 @@ TEST(PeerWatch, ReapsItsChildOnceItHasDied) {
 }
 
 TEST(PeerWatch, TouchesNoOtherProcess) {
-  const PeerWatch::Operation unwatched(nullptr);
+  const PeerWatch::Operation unwatched(nullptr, vexadx::Step::kIdle);
   const auto none = PeerWatch::Make();
   none->Begin(-1);
   none->Signal(SIGKILL);  // which would be everybody's
