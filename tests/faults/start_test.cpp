@@ -239,29 +239,29 @@ TEST_F(StartXInTrouble, WithoutADescriptorIsToldAndWorksOnceThereIsOne) {
     ::close(descriptor);
     return static_cast<rlim_t>(descriptor);
   };
-  OutpX* x = nullptr;
   // Too few to open either pipe of the commands, or one of the two; and then of a block.
   for (const rlim_t left : {3, 0}) {
-    x = &AddStartX("CTEST" + std::to_string(left));  // one that has no pipes which it could close for others
+    OutpX& x = AddStartX("CTEST" + std::to_string(left));  // one that has no pipes which it could close for others
     {
       const Limit limit(RLIMIT_NOFILE, lowestFree() + left);
       const Clock::time_point begin = Clock::now();
-      EXPECT_EQ(99104, x->Start()) << left;
+      EXPECT_EQ(99104, x.Start()) << left;
       EXPECT_LT(Clock::now() - begin, 11s + kSlower);
     }
-    EXPECT_EQ(-1, x->Process());
-    ExpectHealthyAgain(*x);
+    EXPECT_EQ(-1, x.Process());
+    ExpectHealthyAgain(x);
   }
+  OutpX& x = AddStartX("CTEST");
   for (const rlim_t left : {2, 0}) {
-    ASSERT_EQ(0, x->Start());
+    ASSERT_EQ(0, x.Start());
     {
       const Limit limit(RLIMIT_NOFILE, lowestFree() + left);
-      EXPECT_EQ(left == 0 ? 99104 : 0, x->Begin());
-      EXPECT_EQ(99104, x->Execute("0")) << left;
+      EXPECT_EQ(left == 0 ? 99104 : 0, x.Begin());
+      EXPECT_EQ(99104, x.Execute("0")) << left;
     }
-    EXPECT_EQ(0, x->Stop());
-    EXPECT_TRUE(x->Dies());
-    ExpectHealthyAgain(*x);
+    EXPECT_EQ(0, x.Stop());
+    EXPECT_TRUE(x.Dies());
+    ExpectHealthyAgain(x);
   }
 }
 
