@@ -33,6 +33,14 @@ bool isFifo(const std::string& path) {
   return ::lstat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
 }
 
+// Another user's is not ours to remove. The superuser is no other user, nor is anybody to it.
+bool isOneOfOurs(const std::string& path) {
+  struct stat status {};
+  if (::lstat(path.c_str(), &status) != 0 || !S_ISFIFO(status.st_mode)) return false;
+  const uid_t user = ::geteuid();
+  return user == 0 || status.st_uid == user || status.st_uid == 0;
+}
+
 bool isSettled(const timespec& change) {
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);
@@ -72,6 +80,6 @@ void Levels::RemovePipes() const {
     }
   }
   for (const std::string& path : pipes) {
-    if (isFifo(path)) (void)::unlink(path.c_str());
+    if (isOneOfOurs(path)) (void)::unlink(path.c_str());
   }
 }

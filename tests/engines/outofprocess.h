@@ -87,7 +87,8 @@ class OutOfProcess : public testing::Test {
   // The names of the pipes that are there.
   std::string Fifos() const {
     std::string names;
-    for (const std::filesystem::directory_entry& entry : std::filesystem::directory_iterator(m_pipes.Path())) {
+    for (const std::filesystem::directory_entry& entry :
+         std::filesystem::recursive_directory_iterator(m_pipes.Path())) {
       if (entry.is_fifo()) names += entry.path().filename().string() + ' ';
     }
     return names;

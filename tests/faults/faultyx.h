@@ -47,7 +47,6 @@ class FaultyX : public OutOfProcess {
     m_isOver = true;
     EXPECT_EQ(0, m_neighbour.get()) << "the neighbour was touched";
     OutOfProcess::TearDown();
-    std::cerr << "GREW " << (OwnBytes() - m_bytes) / 1024 << "\n";
     EXPECT_LE(OwnBytes(), m_bytes + kBytesOfARow * m_rows);
   }
 

@@ -1,5 +1,13 @@
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#ifdef __linux__
+#include <sched.h>
+#include <sys/mount.h>
+#endif
 
 #include <chrono>
 #include <filesystem>
@@ -9,6 +17,7 @@
 #include <vector>
 
 #include "faultyx.h"
+#include "unprivileged.h"
 
 namespace fs = std::filesystem;
 
@@ -23,7 +32,52 @@ constexpr auto kSlower = 1s;
 constexpr auto kSlower = 0s;
 #endif
 
+// One of the process's limits for a scope.
+class Limit {
+ public:
+  Limit(decltype(RLIMIT_NOFILE) resource, rlim_t limit) : m_resource(resource) {
+    (void)::getrlimit(m_resource, &m_before);
+    const rlimit lowered{limit, m_before.rlim_max};
+    EXPECT_EQ(0, ::setrlimit(m_resource, &lowered));
+  }
+  ~Limit() { (void)::setrlimit(m_resource, &m_before); }
+  Limit(const Limit&) = delete;
+  Limit& operator=(const Limit&) = delete;
+
+ private:
+  const decltype(RLIMIT_NOFILE) m_resource;
+  rlimit m_before{};
+};
+
+// For the calling thread, and what it starts, the directory has no room for another file. False: it may not do that.
+bool fill(const fs::path& directory) {
+#ifdef __linux__
+  return ::unshare(CLONE_NEWNS) == 0 && ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+         ::mount("none", directory.c_str(), "tmpfs", 0, "mode=777,nr_inodes=1") == 0;
+#else
+  (void)directory;
+  return false;
+#endif
+}
+
 }  // namespace
+
+// Engines whose X process behaves: what is wrong is around it.
+class StartXInTrouble : public FaultyX {
+ protected:
+  OutpX& AddStartX(const std::string& xName) {
+    if (m_configuration.empty()) {
+      PutStartX(VEXADX_STAGED_HOME "/bin/startx");
+      m_home.AddPlugin("ctest");
+    }
+    m_configuration += "[" + xName + "]\nLIB_NAME=ctest\n";
+    m_home.Configure(m_configuration);
+    return AddFaulty("", xName);
+  }
+
+ private:
+  std::string m_configuration;
+};
 
 TEST_F(FaultyX, ThatIsNeverReadyLeavesNoProcess) {
   const struct {
@@ -31,15 +85,16 @@ TEST_F(FaultyX, ThatIsNeverReadyLeavesNoProcess) {
     int code;
     std::chrono::seconds within;
   } kFaults[] = {
-      {"started exit=3", 99104, 11s},
+      {"exits-at-once", 99104, 11s},
       {"started silent", 99104, 11s},
-      {"commands-made", 99104, 11s},
+      {"makes-pipe-late", 99104, 11s},
+      {"dies-before-opening", 99104, 11s},
       {"commands-made late=600", 99104, 11s},
       {"commands-open late=100 fork", 99104, 11s},
-      {"ready-read", 99104, 11s},
+      {"dies-at-ready-check", 99104, 11s},
       {"ready-read late=100 fork", 99104, 11s},
-      {"unready=100", 5, 11s},
-      {"unready=49", 0, 6s},
+      {"never-ready", 5, 11s},
+      {"ready-late", 0, 6s},
   };
   // All at once, as each takes as long as the ready checks.
   std::vector<OutpX*> xs;
@@ -54,7 +109,7 @@ TEST_F(FaultyX, ThatIsNeverReadyLeavesNoProcess) {
       EXPECT_EQ(row.code != 0, x->Process() == -1) << row.fault;
       EXPECT_EQ(row.code == 0 ? 0 : 99115, x->Run("")) << row.fault;
       EXPECT_EQ(0, x->Stop()) << row.fault;
-      if (std::string_view(row.fault).ends_with("exit=3")) {
+      if (std::string_view(row.fault) == "exits-at-once") {
         EXPECT_EQ(3 << 8, vexadx::ProcessOf(x->engine).status);
       }
       ExpectHealthyAgain(*x);
@@ -98,4 +153,111 @@ TEST_F(FaultyX, StartsOverWhatACrashedHostLeft) {
     ASSERT_TRUE(fs::exists(prefix + stale) || ::mkfifo((prefix + stale).c_str(), 0600) == 0);
   }
   ExpectHealthyAgain(x);
+}
+
+TEST_F(StartXInTrouble, WithoutItsPipesIsToldAndTouchesNothingInTheirPlace) {
+  const bool isSuperuser = ::geteuid() == 0;
+  const std::string text = m_pipes.Write("text", "untouched");
+  const std::string prefix = m_pipes.Path("4711").string();
+  fs::permissions(m_home.Path(), fs::perms(0755));
+  fs::permissions(m_pipes.Path(), fs::perms(0777));
+  for (const char* const directory : {"READONLY", "FULL", "DIRECTORY_c"}) fs::create_directory(prefix + directory);
+  fs::permissions(prefix + "READONLY", fs::perms(0555));
+  fs::copy_file(text, prefix + "FILE_c");
+  fs::create_symlink(text, prefix + "LINK_c");
+  ASSERT_EQ(0, ::mkfifo((prefix + "FOREIGN_c").c_str(), 0600));
+  for (const char* const place : {"text", "4711FILE_c", "4711FOREIGN_c"})
+    fs::permissions(m_pipes.Path(place), fs::perms(0666));
+  const int foreign = ::open((prefix + "FOREIGN_c").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+
+  std::vector<std::string> names{"FILE", "LINK", "DIRECTORY", "MISSING/X", "READONLY/X", std::string(5000, 'X')};
+  if (isSuperuser) {
+    ASSERT_EQ(0, ::chown((prefix + "FOREIGN_c").c_str(), Unprivileged::User() + 1, 0));
+    names.insert(names.begin(), {"FOREIGN", "FULL/X"});
+  }
+  std::vector<OutpX*> xs;
+  std::vector<std::future<void>> starts;
+  for (const std::string& name : names) {
+    xs.push_back(&AddStartX(name));
+    starts.push_back(std::async(std::launch::async, [x = xs.back(), name, prefix] {
+      ASSERT_TRUE(name != "FULL/X" || fill(prefix + "FULL"));
+      const Unprivileged user;
+      const Clock::time_point begin = Clock::now();
+      EXPECT_EQ(99104, x->Start()) << name;
+      EXPECT_LT(Clock::now() - begin, 11s + kSlower) << name;
+      EXPECT_EQ(-1, x->Process()) << name;
+    }));
+  }
+  for (std::future<void>& start : starts) start.get();
+
+  EXPECT_EQ("untouched", ReadFile(text));
+  EXPECT_EQ("untouched", ReadFile(prefix + "FILE_c"));
+  EXPECT_TRUE(fs::is_symlink(prefix + "LINK_c"));
+  EXPECT_TRUE(fs::is_empty(prefix + "DIRECTORY_c"));
+  char byte = 0;
+  EXPECT_EQ(0, ::read(foreign, &byte, 1)) << "something was written, or somebody is there to write";
+  ::close(foreign);
+
+  for (const char* const place : {"FILE_c", "LINK_c", "DIRECTORY_c", "FOREIGN_c"})
+    EXPECT_TRUE(fs::remove(prefix + place)) << place;
+  fs::create_directory(prefix + "MISSING");
+  fs::permissions(prefix + "READONLY", fs::perms(0755));
+  xs.pop_back();  // whose name stays too long
+  for (OutpX* const x : xs) starts.push_back(std::async(std::launch::async, [x] { ExpectHealthyAgain(*x); }));
+  starts.clear();
+  if (!isSuperuser) GTEST_SKIP() << "a full directory and another user's pipe are the superuser's to make";
+}
+
+// A child of the host's own that has ended is the host's to reap.
+TEST_F(StartXInTrouble, WithoutAProcessIsToldAndReapsNobodyElses) {
+  const pid_t own = ::fork();
+  if (own == 0) ::_exit(7);
+  fs::permissions(m_pipes.Path(), fs::perms(0777));
+  OutpX& x = AddStartX("CTEST");
+  for (const rlim_t processes : {1, 2}) {  // for the thread itself, and for one that would watch the process
+    const Limit limit(RLIMIT_NPROC, processes);
+    const Unprivileged user;
+    const Clock::time_point begin = Clock::now();
+    EXPECT_EQ(99107, x.Start());
+    EXPECT_EQ(0, x.Stop());
+    EXPECT_LT(Clock::now() - begin, 1s);
+    EXPECT_EQ(99115, x.Run(""));
+  }
+  int status = 0;
+  EXPECT_EQ(own, ::waitpid(own, &status, 0));
+  EXPECT_EQ(7 << 8, status);
+  EXPECT_FALSE(HasChildren());
+  ExpectHealthyAgain(x);
+}
+
+TEST_F(StartXInTrouble, WithoutADescriptorIsToldAndWorksOnceThereIsOne) {
+  const auto lowestFree = [] {
+    const int descriptor = ::dup(STDIN_FILENO);
+    ::close(descriptor);
+    return static_cast<rlim_t>(descriptor);
+  };
+  OutpX* x = nullptr;
+  // Too few to open either pipe of the commands, or one of the two; and then of a block.
+  for (const rlim_t left : {3, 0}) {
+    x = &AddStartX("CTEST" + std::to_string(left));  // one that has no pipes which it could close for others
+    {
+      const Limit limit(RLIMIT_NOFILE, lowestFree() + left);
+      const Clock::time_point begin = Clock::now();
+      EXPECT_EQ(99104, x->Start()) << left;
+      EXPECT_LT(Clock::now() - begin, 11s + kSlower);
+    }
+    EXPECT_EQ(-1, x->Process());
+    ExpectHealthyAgain(*x);
+  }
+  for (const rlim_t left : {2, 0}) {
+    ASSERT_EQ(0, x->Start());
+    {
+      const Limit limit(RLIMIT_NOFILE, lowestFree() + left);
+      EXPECT_EQ(left == 0 ? 99104 : 0, x->Begin());
+      EXPECT_EQ(99104, x->Execute("0")) << left;
+    }
+    EXPECT_EQ(0, x->Stop());
+    EXPECT_TRUE(x->Dies());
+    ExpectHealthyAgain(*x);
+  }
 }

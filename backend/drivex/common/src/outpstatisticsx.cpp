@@ -269,6 +269,11 @@ int OutpStatisticsX::setup_x_run() {
   TraceCode("setup_x_run cmdDispatcher sendCmd", code);
   if (code != kSuccess) return code;
   if (!result->IsWritePipeConnected()) (void)result->ConnectPipe();
+  if (code = result->OpenPipeToRead(); code != kSuccess) {
+    // The process waits in its own opening of this pipe, and answers nothing more.
+    if (m_watch) endProcess(*m_watch);
+    return code;
+  }
   CleXDSmb reply;
   return ReceiveData(result, reply, true);
 }
