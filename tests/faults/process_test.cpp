@@ -64,7 +64,11 @@ TEST_F(PythonX, IsWaitedForWhileItIsStopped) {
     ::kill(x.Process(), SIGCONT);
     return called.get();
   };
-  const auto stop = [&x] { ::kill(x.Process(), SIGSTOP); };
+  const auto stop = [&x] {
+    siginfo_t info{};
+    ::kill(x.Process(), SIGSTOP);
+    (void)::waitid(P_PID, static_cast<id_t>(x.Process()), &info, WSTOPPED | WNOWAIT);
+  };
   stop();
   EXPECT_EQ(0, isStoppedFor([&x] { return x.Run("kept = 'x' * 10_000_000"); }, [] {}));
   const std::string block = m_ready->OpenInPython() + m_go->AwaitInPython() + "raise SystemExit(len(kept))";
