@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdlib>
 
 #include "inprocess.h"
@@ -68,20 +67,6 @@ TEST_F(InProcess, WithoutALibraryNameAnswers99118) {
   EXPECT_FALSE(engine.isIntialized());
   const std::string line = "Configration file vexadxcfg.ini is invalid because the LIB_NAME is NULL.";
   EXPECT_EQ((Texts{line, line, "StatisticsX::init_embedded_x error code : 99118."}), Traced());
-}
-
-TEST_F(InProcess, WithALibraryThatCannotBeLoadedAnswers99114) {
-  m_home.Write("lib/libtext.dylib", "a text file");
-  for (const std::string name : {"missing", "text", "sub/missing", "libctest.so"}) {
-    m_options.PutOption("LIB_NAME", name);
-    InpStatisticsX engine(&m_options, true);
-    EXPECT_EQ(99114, engine.init_embedded_x(0, nullptr)) << name;
-    engine.setup_dxcallback(nullptr);
-    engine.set_post_vexa_output(&takeOutput);
-  }
-  const Texts traced = Traced();
-  const std::string line = "Load library from " + m_home.Path("lib/libmissing.dylib").string() + " failed.";
-  EXPECT_EQ(1, std::count(traced.begin(), traced.end(), line));
 }
 
 TEST_F(InProcess, WithoutAMandatoryEntryPointAnswers99114) {

@@ -9,7 +9,9 @@
 #include <sys/mount.h>
 #endif
 
+#include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <future>
 #include <string>
@@ -17,6 +19,7 @@
 #include <vector>
 
 #include "faultyx.h"
+#include "inprocess.h"
 #include "unprivileged.h"
 
 namespace fs = std::filesystem;
@@ -260,4 +263,64 @@ TEST_F(StartXInTrouble, WithoutADescriptorIsToldAndWorksOnceThereIsOne) {
     EXPECT_TRUE(x->Dies());
     ExpectHealthyAgain(*x);
   }
+}
+
+TEST_F(InProcess, WithoutAUsableLibraryIsToldWhatTheLoaderSays) {
+  constexpr std::size_t kMachine = 18;  // where an ELF file names its processor
+  std::string otherMachines = ReadFile(VEXADX_TEST_PLUGINS "/libctest.dylib");
+  otherMachines[kMachine] ^= 1;
+  m_home.Write("lib/libmachine.dylib", otherMachines);
+  m_home.Write("lib/libtext.dylib", "a text file");
+  const struct {
+    std::string name;
+    int code;
+    std::string traced;
+  } kRows[] = {
+      {"", 99118, "LIB_NAME is NULL"},
+      {"missing", 99114, "libmissing.dylib: cannot open shared object file: No such file"},
+      {"sub/missing", 99114, "sub/libmissing.dylib: cannot open"},
+      {"libctest.so", 99114, "liblibctest.so.dylib: cannot open"},
+      {"text", 99114, "libtext.dylib: file too short"},
+      {"machine", 99114, "libmachine.dylib: "},
+      {"unresolved", 99114, "libunresolved.dylib: undefined symbol: no_such_function"},
+      {"without_init_embedded_x", 99114, "undefined symbol: init_embedded_x"},
+      {"without_execute_x", 99114, "undefined symbol: execute_x"},
+      {"without_stop_embedded_x", 99114, "undefined symbol: stop_embedded_x"},
+      {"without_pre_action", 99114, "undefined symbol: pre_action"},
+      {"without_post_action", 99114, "undefined symbol: post_action"},
+  };
+  for (const auto& row : kRows) {
+    if (row.name == "unresolved" || row.name.starts_with("without_")) m_home.AddPlugin(row.name);
+  }
+  std::string block = "0";
+  // The Java machine is asked each time, and else takes memory as it likes.
+  ::setenv("JAVA_TOOL_OPTIONS", "-Xint -Xms8m -Xmx8m -XX:+AlwaysPreTouch -XX:+UseSerialGC", 1);
+  const auto neighbour = Engine("ctest");
+  ASSERT_EQ(0, neighbour->init_embedded_x(0, nullptr));
+  const std::string state = ProcessState();
+  long bytes = 0;
+  Clock::duration shortest = 1h;
+  for (int round = 0; round < 100; ++round) {
+    if (round == 10) bytes = OwnBytes();
+    const Clock::time_point begin = Clock::now();
+    for (const auto& row : kRows) {
+      SCOPED_TRACE(row.name);
+      m_options.PutOption("LIB_NAME", row.name);
+      InpStatisticsX engine(&m_options, true);
+      EXPECT_EQ(row.code, engine.loadXlib());
+      engine.set_post_vexa_output(nullptr);
+      if (round > 0) continue;
+      std::string traced;
+      for (const std::string& line : Traced()) traced += line + '\n';
+      EXPECT_NE(std::string::npos, traced.find(row.traced)) << traced;
+      EXPECT_EQ(state, ProcessState());
+      EXPECT_EQ(0, neighbour->execute_x(block.data()));
+      const auto again = Engine("ctest");
+      EXPECT_EQ(0, again->init_embedded_x(0, nullptr));
+      EXPECT_EQ(0, again->execute_x(block.data()));
+    }
+    shortest = std::min(shortest, Clock::now() - begin);
+  }
+  EXPECT_LT(shortest, 100ms) << "for all of them";
+  EXPECT_LE(OwnBytes(), bytes + 256L * 1024);
 }

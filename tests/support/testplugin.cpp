@@ -1,7 +1,7 @@
 // A plug-in library for the tests. Its codes come from the environment (CTEST_INIT, CTEST_PRE, CTEST_POST, CTEST_STOP;
 // 0 when unset) and a block's from its text; the code 666 is thrown instead, the block "wait" never ends, and the block
 // "child" starts a process that lives for a minute. The last block's text is in the file CTEST_BLOCK. Compiled with
-// WITHOUT_<entry point> it lacks that one.
+// WITHOUT_<entry point> it lacks that one, with UNRESOLVED a function that it calls.
 
 #include <pthread.h>
 #include <unistd.h>
@@ -62,6 +62,11 @@ ENTRY_POINT int execute_x(char* syntax) {
   if (std::strncmp(syntax, "child", 5) == 0) startChild();
   return codeOf(syntax);
 }
+#endif
+
+#ifdef UNRESOLVED
+extern "C" int no_such_function();
+ENTRY_POINT int call_it() { return no_such_function(); }
 #endif
 
 #ifndef WITHOUT_stop_embedded_x

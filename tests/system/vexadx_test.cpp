@@ -132,6 +132,7 @@ TEST_F(VexadxTest, WrongUsageIsExplained) {
 
 TEST_F(VexadxTest, AnEngineThatCannotRunIsExplainedAndTheDoctorNamesTheCheck) {
   home.Write("lib/libtext.dylib", "not a library\n");
+  home.AddPlugin("unresolved");
   for (const vexadx::PluginEntryPoint& entryPoint : vexadx::kPluginEntryPoints) {
     if (entryPoint.mandatory) home.AddPlugin(std::string("without_") + entryPoint.name);
   }
@@ -148,6 +149,7 @@ TEST_F(VexadxTest, AnEngineThatCannotRunIsExplainedAndTheDoctorNamesTheCheck) {
       {"LIB_NAME = ctest", 5, "library name", {"no plug-in library", "without blanks"}},
       {"LIB_NAME=gone", 3, "library", {home.Path("lib/libgone.dylib"), "does not exist", "LIB_NAME"}},
       {"LIB_NAME=text", 3, "entry points", {home.Path("lib/libtext.dylib"), "could not be loaded", "the loader says"}},
+      {"LIB_NAME=unresolved", 3, "entry points", {"could not be loaded", "undefined symbol: no_such_function"}},
       {"LIB_NAME=without_init_embedded_x", 3, "entry points", {"export: init_embedded_x;", "the loader says"}},
       {"LIB_NAME=without_execute_x", 3, "entry points", {"does not export: execute_x;"}},
       {"LIB_NAME=without_stop_embedded_x", 3, "entry points", {"does not export: stop_embedded_x;"}},
@@ -317,6 +319,9 @@ TEST_F(VexadxTest, AnEngineProgramThatCannotBeRunIsExplained) {
   EXPECT_EQ(126, outcome.status);
   ExpectWords(outcome.err,
               {"vexadx: error: the engine program " + program + " cannot be executed", "for this machine"});
+  // One that ends by itself.
+  home.Write("bin/startx", "#!/bin/sh\nexit 3\n");
+  ExpectProblem(3, {"the engine CTEST could not be started", "its process ended with exit status 3"}, run);
 }
 
 // Runs of the staged Python engine in a home and with a directory for pipes of its own.

@@ -77,6 +77,7 @@ bool InpStatisticsX::openLibrary() {
   auto library = std::make_unique<PlugInDynamicLoadedLibrary>(path, 0);
   if (library->LoadLibraryNow() != 0) {
     m_lastCode = vexadx::kLibraryNotLoaded;
+    TraceLine(library->GetErrorString());
     TraceLine({"Load library from ", path, " failed."});
     return false;
   }
