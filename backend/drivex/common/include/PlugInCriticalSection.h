@@ -39,7 +39,7 @@ class VEXADX_API PlugInCriticalSection {
   bool m_Locked;              // written by the holder of m_Handle only
   pthread_mutex_t* m_Gate;
   pthread_mutex_t* m_CountGuard;
-  std::map<pthread_t, int> m_ThreadCounts;  // with 0 after a thread's last release, for the next one
+  std::map<pthread_t, int> m_ThreadCounts;  // a thread stays in the table with 0 after its last release
 };
 
 // Holds a section, of whichever kind, for the lifetime of a scope.

@@ -1,6 +1,5 @@
 #include "PlugInCriticalSection.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <ctime>
 #include <memory>
@@ -46,7 +45,6 @@ PlugInCriticalSection::PlugInCriticalSection()
   auto handle = std::make_unique<pthread_mutex_t>();
   auto gate = std::make_unique<pthread_mutex_t>();
   auto countGuard = std::make_unique<pthread_mutex_t>();
-  m_ThreadCounts.emplace(kNoThread, 0);  // for the first that acquires
   m_Handle = handle.release();
   m_Gate = gate.release();
   m_CountGuard = countGuard.release();
@@ -106,22 +104,9 @@ int PlugInCriticalSection::get_ThreadCount(pthread_t thread) {
   return entry == m_ThreadCounts.end() ? 0 : entry->second;
 }
 
-// A thread that is new to the table gets the entry of one that holds nothing: there is one whenever the section is
-// free, so that acquiring takes no memory.
 void PlugInCriticalSection::Increment_ThreadCount(pthread_t thread) {
   const MutexLock guard(*m_CountGuard);
-  auto entry = m_ThreadCounts.find(thread);
-  if (entry == m_ThreadCounts.end()) {
-    entry = std::ranges::find(m_ThreadCounts, 0, &std::pair<const pthread_t, int>::second);
-    if (entry == m_ThreadCounts.end()) {
-      entry = m_ThreadCounts.emplace(thread, 0).first;
-    } else {
-      auto node = m_ThreadCounts.extract(entry);
-      node.key() = thread;
-      entry = m_ThreadCounts.insert(std::move(node)).position;
-    }
-  }
-  ++entry->second;
+  ++m_ThreadCounts[thread];
 }
 
 void PlugInCriticalSection::Decrement_ThreadCount(pthread_t thread) {
@@ -216,7 +201,7 @@ PlugInSynchEvent::~PlugInSynchEvent() {
   delete m_mutex;
   ::pthread_cond_destroy(m_cond);
   delete m_cond;
-  ClearReplyEvent();
+  delete m_replyEvent;  // without its lock, for which there might be no memory: nobody is inside
 }
 
 void PlugInSynchEvent::Signal() {
