@@ -201,7 +201,7 @@ PlugInSynchEvent::~PlugInSynchEvent() {
   delete m_mutex;
   ::pthread_cond_destroy(m_cond);
   delete m_cond;
-  ClearReplyEvent();
+  delete m_replyEvent;  // without its lock, for which there might be no memory: nobody is inside
 }
 
 void PlugInSynchEvent::Signal() {

@@ -6,6 +6,7 @@
 #include <iostream>
 #include <map>
 #include <mutex>
+#include <new>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -256,15 +257,17 @@ void* EntryFunc(void* threadObject) {
     thread.result = thread.object->letGo();
   };
   pthread_cleanup_push(leave, &leaving);
-  {
-    const PlugInCriticalSection::Lock lock(object.m_exitCodeLock);
-    object.m_exitCode = 0;
-  }
-  const int result = object.Entry();
-  {
-    const PlugInCriticalSection::Lock lock(object.m_exitCodeLock);
-    object.m_exitCode = result;
-  }
+  // Without memory for the section's table the work is done all the same, and its code is not kept here.
+  const auto keepExitCode = [&object](int code) {
+    try {
+      const PlugInCriticalSection::Lock lock(object.m_exitCodeLock);
+      object.m_exitCode = code;
+    } catch (const std::bad_alloc&) {
+      return;
+    }
+  };
+  keepExitCode(0);
+  keepExitCode(object.Entry());
   pthread_cleanup_pop(1);
   return leaving.result;
 }
