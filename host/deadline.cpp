@@ -12,7 +12,7 @@ Deadline::Deadline(Seconds limit, std::vector<Step> steps) {
   sigset_t mask;
   ::sigfillset(&all);
   ::pthread_sigmask(SIG_SETMASK, &all, &mask);
-  m_thread = std::thread([this, steps = std::move(steps)]() mutable { watch(std::move(steps)); });
+  m_thread = std::thread([this, steps = std::move(steps)] { watch(steps); });
   ::pthread_sigmask(SIG_SETMASK, &mask, nullptr);
 }
 
@@ -26,7 +26,7 @@ std::size_t Deadline::End() {
   return m_taken;
 }
 
-void Deadline::watch(std::vector<Step> steps) {
+void Deadline::watch(const std::vector<Step>& steps) {
   std::unique_lock lock(m_guard);
   auto time = std::chrono::steady_clock::now();
   for (const Step& step : steps) {

@@ -29,7 +29,7 @@ class Deadline {
   std::size_t End();
 
  private:
-  void watch(std::vector<Step> steps);
+  void watch(const std::vector<Step>& steps);
 
   std::mutex m_guard;
   std::condition_variable m_changed;
