@@ -28,7 +28,7 @@
 
 namespace {
 
-constexpr int kStandardStreams = kHostStateItems - kStandardStream;
+constexpr std::size_t kStandardStreams = kHostStateItems - kStandardStream;
 
 std::string nameOf(int item) {
   switch (item) {
@@ -324,10 +324,9 @@ HostStateItems HostStateGuard::Process::Changes() const {
   if (m_directory.IsOpen() && ::fstat(m_directory.Number(), &before) == 0 && ::stat(".", &now) == 0) {
     changes[kWorkingDirectory] = before.st_dev != now.st_dev || before.st_ino != now.st_ino;
   }
-  for (int stream = 0; stream < kStandardStreams; ++stream) {
-    const bool isClosed = ::fcntl(stream, F_GETFD) == -1 && errno == EBADF;
-    changes[static_cast<std::size_t>(kStandardStream + stream)] =
-        isClosed && m_streams[static_cast<std::size_t>(stream)].IsOpen();
+  for (std::size_t stream = 0; stream < kStandardStreams; ++stream) {
+    const bool isClosed = ::fcntl(static_cast<int>(stream), F_GETFD) == -1 && errno == EBADF;
+    changes[kStandardStream + stream] = isClosed && m_streams[stream].IsOpen();
   }
   return changes;
 }
@@ -336,9 +335,9 @@ void HostStateGuard::Process::PutBack(const HostStateItems& items) const {
   if (items.test(kLocale)) std::setlocale(LC_ALL, m_locale.c_str());
   if (items.test(kUmask)) (void)::umask(*m_umask);
   if (items.test(kWorkingDirectory)) (void)!::fchdir(m_directory.Number());
-  for (int stream = 0; stream < kStandardStreams; ++stream) {
-    const Descriptor& kept = m_streams[static_cast<std::size_t>(stream)];
-    if (items.test(static_cast<std::size_t>(kStandardStream + stream))) (void)::dup2(kept.Number(), stream);
+  for (std::size_t stream = 0; stream < kStandardStreams; ++stream) {
+    if (!items.test(kStandardStream + stream)) continue;
+    (void)::dup2(m_streams[stream].Number(), static_cast<int>(stream));
   }
   for (int signal = 1; signal < NSIG; ++signal) {
     if (items.test(static_cast<std::size_t>(signal))) (void)::sigaction(signal, &m_dispositions[signal], nullptr);
