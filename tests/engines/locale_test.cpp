@@ -107,7 +107,7 @@ TEST_P(Locale, OfTheHostIsItsOwn) {
     engine.set_post_vexa_output(&takeOutput);
     ASSERT_EQ(0, engine.init_embedded_x(0, nullptr)) << gOutput;
     ExpectHosts("the start of a language");
-    for (const auto guarding : {HostStateGuarding::kRestore, HostStateGuarding::kThread}) {
+    for (const auto guarding : {HostStateGuarding::kRestore, HostStateGuarding::kArithmetic}) {
       vexadx::GuardHostState(engine, guarding);
       EXPECT_EQ(0, run(engine, language.numbers));
       EXPECT_EQ(kNumbers, gOutput) << language.xName;
