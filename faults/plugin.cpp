@@ -15,6 +15,7 @@
 #include <cfenv>
 #include <chrono>
 #include <clocale>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
@@ -62,8 +63,8 @@ void flushToZero() {
 }
 
 [[noreturn]] void writeToNowhere() {
-  int* volatile nowhere = nullptr;
-  *nowhere = 1;
+  volatile std::uintptr_t nowhere = 0;
+  *reinterpret_cast<volatile int*>(nowhere) = 1;
   std::abort();
 }
 

@@ -33,12 +33,12 @@ using vexadx::HostStateGuarding;
 const struct {
   const char* deed;
   const char* name;
-  bool isOfThread = false;
+  bool isArithmetic = false;
 } kChanges[] = {
     {"SIGINT", "SIGINT"},
     {"SIGPIPE", "SIGPIPE"},
     {"SIGCHLD", "SIGCHLD"},
-    {"mask", "signal mask", true},
+    {"mask", "signal mask"},
     {"rounding", "rounding mode", true},
     {"flush-to-zero", "flush-to-zero", true},
     {"locale", "locale"},
@@ -65,6 +65,7 @@ class HostsOwn {
  public:
   ~HostsOwn() {
     for (const int signal : {SIGINT, SIGPIPE, SIGCHLD}) (void)::signal(signal, SIG_DFL);
+    ::pthread_sigmask(SIG_SETMASK, &m_mask, nullptr);
     std::setlocale(LC_ALL, "C");
     std::filesystem::current_path(m_directory);
     ::umask(m_umask);
@@ -77,6 +78,11 @@ class HostsOwn {
   const mode_t m_umask = [] {
     const mode_t mask = ::umask(0);
     ::umask(mask);
+    return mask;
+  }();
+  const sigset_t m_mask = [] {
+    sigset_t mask;
+    ::pthread_sigmask(SIG_SETMASK, nullptr, &mask);
     return mask;
   }();
   const int m_output = ::dup(STDOUT_FILENO);
@@ -161,15 +167,16 @@ TEST_F(InProcess, StartsAndStopsLeaveTheHostsStateAlone) {
 TEST_F(InProcess, BlocksKeepWhatTheHostLeavesToThem) {
   const auto engine = Engine("fault_plugin");
   ASSERT_EQ(0, engine->init_embedded_x(0, nullptr));
-  for (const auto guarding : {HostStateGuarding::kThread, HostStateGuarding::kReport, HostStateGuarding::kRestore}) {
+  for (const auto guarding :
+       {HostStateGuarding::kArithmetic, HostStateGuarding::kReport, HostStateGuarding::kRestore}) {
     vexadx::GuardHostState(*engine, guarding);
     for (const auto& change : kChanges) {
       const std::string text = std::string(change.name) + ' ' + std::to_string(static_cast<int>(guarding));
       const HostsOwn hostsOwn;
       const std::string before = hostState();
       EXPECT_EQ(7, run(*engine, change.deed + std::string(" 7"))) << text;
-      EXPECT_EQ(change.isOfThread || guarding == HostStateGuarding::kRestore, before == hostState()) << text;
-      const bool isFound = change.isOfThread || guarding != HostStateGuarding::kThread;
+      EXPECT_EQ(change.isArithmetic || guarding == HostStateGuarding::kRestore, before == hostState()) << text;
+      const bool isFound = change.isArithmetic || guarding != HostStateGuarding::kArithmetic;
       const std::vector<std::string> names{change.name};
       EXPECT_EQ(isFound ? names : std::vector<std::string>(), vexadx::HostStateChanges(*engine)) << text;
     }

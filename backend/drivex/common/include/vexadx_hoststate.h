@@ -10,14 +10,14 @@ class InpStatisticsX;
 // What is the host's own while a plug-in library runs inside its process, and what becomes of it when the plug-in's
 // entry point has returned. Each item has a name:
 //
-//   of the calling thread   "signal mask", "rounding mode", "flush-to-zero", "floating-point control" (the rest of it)
+//   of the calling thread   "rounding mode", "flush-to-zero", "floating-point control" (the rest of it), "signal mask"
 //   of the process          "SIGINT" and so on, a signal's disposition; "locale", "working directory", "umask",
 //                           "standard input", "standard output", "standard error" (closed)
 //
 // Around setup_dxcallback, init_embedded_x, stop_embedded_x and set_post_vexa_output all of it is always put back, for
 // the start of a language's runtime changes several of these and is nobody's wish. Around pre_action, execute_x and
-// post_action what belongs to the thread is always put back, and what belongs to the process only when the host asks
-// for it: it costs tens of microseconds, a hundred times what a block costs otherwise, and whoever changes the working
+// post_action the floating-point control is always put back, which costs next to nothing, and the rest only when the
+// host asks for it: to look at it costs tens of microseconds, more than many a block, and whoever changes the working
 // directory in one block expects to find it there in the next.
 //
 // Whatever is put back, or found to be changed, is also named in the trace. The signals SIGSEGV, SIGBUS, SIGFPE and
@@ -30,9 +30,9 @@ class InpStatisticsX;
 namespace vexadx {
 
 enum class HostStateGuarding {
-  kThread,   // pre_action, execute_x and post_action: what belongs to the thread is put back. This is the default
-  kReport,   // the same, and what they have changed of the process is found out
-  kRestore,  // and put back
+  kArithmetic,  // pre_action, execute_x and post_action: the floating-point control is put back. This is the default
+  kReport,      // the same, and what else they have changed is found out
+  kRestore,     // and put back
 };
 
 // For the engine's calls from now on. No call of the engine may be under way.

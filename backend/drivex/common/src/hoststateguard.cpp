@@ -1,8 +1,8 @@
 #include "hoststateguard.h"
 
-#ifdef __x86_64__
+#if defined(__x86_64__)
 #include <xmmintrin.h>
-#else
+#elif !defined(__aarch64__)
 #include <cfenv>
 #endif
 
@@ -13,22 +13,23 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <clocale>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <new>
 #include <optional>
 #include <string_view>
-#include <utility>
 
 #include "cancellationguard.h"
 #include "dxtraceline.h"
 
 namespace {
 
-constexpr int kStandardStreams = kHostStateItems - kStandardStream;
+constexpr std::size_t kStandardStreams = kHostStateItems - kStandardStream;
 
 std::string nameOf(int item) {
   switch (item) {
@@ -169,121 +170,127 @@ std::string currentLocale() { return std::setlocale(LC_ALL, nullptr); }
 
 // The calls under way. Never destroyed: the last may end after everything else of the process.
 struct Calls {
-  std::mutex guard;                   // innermost
-  int threads = 0;                    // that have one
-  unsigned long unguardedEvents = 0;  // beginnings and ends
-  std::string locale;                 // before the first of them
-  bool isLocaleToBePutBack = false;   // after the last
+  // Threads that have one, and above them how many unguarded ones have begun and ended.
+  std::atomic<std::uint64_t> count{0};
+  std::atomic<bool> isLocaleToBePutBack{false};  // after the last
+  std::mutex guard;                              // innermost; of a change of the locale that has been noted
+  std::string locale;                            // before the first; noted by the thread that has that one
 };
 Calls& gCalls = *new Calls;
 thread_local int tCalls = 0;  // within one another
 
+constexpr std::uint64_t kThread = 1;
+constexpr std::uint64_t kEvent = 1 << 16;
+constexpr std::uint64_t kThreads = kEvent - 1;
+
 }  // namespace
 
 ForeignCall::ForeignCall(Kind kind) : m_kind(kind) {
-  if (tCalls == 0) {
-    const std::lock_guard lock(gCalls.guard);
-    if (gCalls.threads == 0) gCalls.locale = std::setlocale(LC_ALL, nullptr);
-    ++gCalls.threads;
-    if (m_kind == Kind::kUnguarded) ++gCalls.unguardedEvents;
+  if (tCalls++ > 0) return;
+  const std::uint64_t before = gCalls.count.fetch_add(kind == Kind::kUnguarded ? kEvent + kThread : kThread);
+  if ((before & kThreads) > 0 || gCalls.locale == std::setlocale(LC_ALL, nullptr)) return;
+  const std::lock_guard lock(gCalls.guard);  // the last of the calls before may be putting it back
+  try {
+    gCalls.locale = std::setlocale(LC_ALL, nullptr);
+  } catch (const std::bad_alloc&) {  // the call is counted, and ends as any other
   }
-  ++tCalls;
 }
 
 ForeignCall::~ForeignCall() {
   if (--tCalls > 0) return;
+  const std::uint64_t less = m_kind == Kind::kUnguarded ? kEvent - kThread : -kThread;
+  if (!gCalls.isLocaleToBePutBack) {
+    gCalls.count += less;
+    return;
+  }
   const std::lock_guard lock(gCalls.guard);
-  --gCalls.threads;
-  if (m_kind == Kind::kUnguarded) ++gCalls.unguardedEvents;
-  if (gCalls.threads > 0 || !std::exchange(gCalls.isLocaleToBePutBack, false)) return;
+  if (((gCalls.count += less) & kThreads) > 0 || !gCalls.isLocaleToBePutBack.exchange(false)) return;
   if (gCalls.locale != std::setlocale(LC_ALL, nullptr)) std::setlocale(LC_ALL, gCalls.locale.c_str());
 }
 
 bool ForeignCall::IsOutermostHere() { return tCalls == 1; }
 
-unsigned long ForeignCall::UnguardedEvents() {
-  const std::lock_guard lock(gCalls.guard);
-  return gCalls.unguardedEvents;
-}
+std::uint64_t ForeignCall::UnguardedEvents() { return gCalls.count / kEvent; }
 
-void ForeignCall::PutBackLocaleInTheEnd() {
-  const std::lock_guard lock(gCalls.guard);
-  gCalls.isLocaleToBePutBack = true;
-}
+void ForeignCall::PutBackLocaleInTheEnd() { gCalls.isLocaleToBePutBack = true; }
 
-ThreadState::FloatingPointControl ThreadState::FloatingPointControl::Current() {
-  FloatingPointControl current{};
 #if defined(__x86_64__)
+
+namespace {
+
+unsigned currentX87() {
+  unsigned short control = 0;
+  __asm__ volatile("fnstcw %0" : "=m"(control));
+  return control;
+}
+
+unsigned currentSse() {
   constexpr unsigned kRaised = 0x3F;
-  unsigned short x87 = 0;
-  __asm__ volatile("fnstcw %0" : "=m"(x87));
-  current.x87 = x87;
-  current.sse = _mm_getcsr() & ~kRaised;
-#elif defined(__aarch64__)
-  __asm__ volatile("mrs %0, fpcr" : "=r"(current.fpcr));
-#else
-  current.rounding = std::fegetround();
-#endif
-  return current;
+  return _mm_getcsr() & ~kRaised;
 }
 
-void ThreadState::FloatingPointControl::Apply() const {
-#if defined(__x86_64__)
-  const auto control = static_cast<unsigned short>(x87);
-  __asm__ volatile("fldcw %0" : : "m"(control));
-  _mm_setcsr(sse);
-#elif defined(__aarch64__)
-  __asm__ volatile("msr fpcr, %0" : : "r"(fpcr));
-#else
-  std::fesetround(rounding);
-#endif
-}
+}  // namespace
 
-HostStateItems ThreadState::FloatingPointControl::ChangesIn(const FloatingPointControl& now) const {
-  HostStateItems changes;
-#if defined(__x86_64__)
+FloatingPointControl::FloatingPointControl() : m_x87(currentX87()), m_sse(currentSse()) {}
+
+HostStateItems FloatingPointControl::PutBack() const {
   constexpr unsigned kRoundingOfX87 = 0x0C00;
   constexpr unsigned kRounding = 0x6000;
   constexpr unsigned kToZero = 0x8040;  // results, and operands
-  const unsigned differentX87 = x87 ^ now.x87;
-  const unsigned different = sse ^ now.sse;
+  const unsigned differentX87 = m_x87 ^ currentX87();
+  const unsigned different = m_sse ^ currentSse();
+  HostStateItems changes;
+  if (differentX87 == 0 && different == 0) return changes;
   changes[kRoundingMode] = (differentX87 & kRoundingOfX87) != 0 || (different & kRounding) != 0;
   changes[kFlushToZero] = (different & kToZero) != 0;
   changes[kFloatingPointControl] = (differentX87 & ~kRoundingOfX87) != 0 || (different & ~(kRounding | kToZero)) != 0;
+  const auto control = static_cast<unsigned short>(m_x87);
+  __asm__ volatile("fldcw %0" : : "m"(control));
+  _mm_setcsr(m_sse);
+  return changes;
+}
+
 #elif defined(__aarch64__)
+
+namespace {
+
+unsigned long long currentFpcr() {
+  unsigned long long control = 0;
+  __asm__ volatile("mrs %0, fpcr" : "=r"(control));
+  return control;
+}
+
+}  // namespace
+
+FloatingPointControl::FloatingPointControl() : m_fpcr(currentFpcr()) {}
+
+HostStateItems FloatingPointControl::PutBack() const {
   constexpr unsigned long long kRounding = 3ULL << 22;
   constexpr unsigned long long kToZero = 1ULL << 24;
-  const unsigned long long different = fpcr ^ now.fpcr;
+  const unsigned long long different = m_fpcr ^ currentFpcr();
+  HostStateItems changes;
+  if (different == 0) return changes;
   changes[kRoundingMode] = (different & kRounding) != 0;
   changes[kFlushToZero] = (different & kToZero) != 0;
   changes[kFloatingPointControl] = (different & ~(kRounding | kToZero)) != 0;
+  __asm__ volatile("msr fpcr, %0" : : "r"(m_fpcr));
+  return changes;
+}
+
 #else
-  changes[kRoundingMode] = rounding != now.rounding;
-#endif
-  return changes;
-}
 
-ThreadState::ThreadState() : m_floatingPoint(FloatingPointControl::Current()) {
-  ::pthread_sigmask(SIG_SETMASK, nullptr, &m_mask);
-}
+FloatingPointControl::FloatingPointControl() : m_rounding(std::fegetround()) {}
 
-// The mask comes last: a signal it lets through must meet the host's own state.
-HostStateItems ThreadState::PutBack() const {
+HostStateItems FloatingPointControl::PutBack() const {
   HostStateItems changes;
-  if (const auto now = FloatingPointControl::Current(); now != m_floatingPoint) {
-    changes = m_floatingPoint.ChangesIn(now);
-    m_floatingPoint.Apply();
-  }
-  sigset_t mask{};
-  ::pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-  if (!isSame(mask, m_mask)) {
-    ::pthread_sigmask(SIG_SETMASK, &m_mask, nullptr);
-    changes.set(kSignalMask);
-  }
+  changes[kRoundingMode] = m_rounding != std::fegetround();
+  if (changes.any()) (void)std::fesetround(m_rounding);
   return changes;
 }
 
-ThreadStateGuard::~ThreadStateGuard() { tell(m_what, "put back", m_thread.PutBack(), m_names); }
+#endif
+
+FloatingPointGuard::~FloatingPointGuard() { tell(m_what, "put back", m_floatingPoint.PutBack(), m_names); }
 
 // What belongs to the process.
 class HostStateGuard::Process {
@@ -297,7 +304,7 @@ class HostStateGuard::Process {
   bool IsAlone() const { return m_unguardedEvents == ForeignCall::UnguardedEvents(); }
 
  private:
-  const unsigned long m_unguardedEvents = ForeignCall::UnguardedEvents();  // before all others are looked at
+  const std::uint64_t m_unguardedEvents = ForeignCall::UnguardedEvents();  // before all others are looked at
   const std::string m_locale = currentLocale();
   const std::optional<mode_t> m_umask = currentUmask();
   const Descriptor m_directory = openWorkingDirectory();
@@ -324,10 +331,9 @@ HostStateItems HostStateGuard::Process::Changes() const {
   if (m_directory.IsOpen() && ::fstat(m_directory.Number(), &before) == 0 && ::stat(".", &now) == 0) {
     changes[kWorkingDirectory] = before.st_dev != now.st_dev || before.st_ino != now.st_ino;
   }
-  for (int stream = 0; stream < kStandardStreams; ++stream) {
-    const bool isClosed = ::fcntl(stream, F_GETFD) == -1 && errno == EBADF;
-    changes[static_cast<std::size_t>(kStandardStream + stream)] =
-        isClosed && m_streams[static_cast<std::size_t>(stream)].IsOpen();
+  for (std::size_t stream = 0; stream < kStandardStreams; ++stream) {
+    const bool isClosed = ::fcntl(static_cast<int>(stream), F_GETFD) == -1 && errno == EBADF;
+    changes[kStandardStream + stream] = isClosed && m_streams[stream].IsOpen();
   }
   return changes;
 }
@@ -336,9 +342,9 @@ void HostStateGuard::Process::PutBack(const HostStateItems& items) const {
   if (items.test(kLocale)) std::setlocale(LC_ALL, m_locale.c_str());
   if (items.test(kUmask)) (void)::umask(*m_umask);
   if (items.test(kWorkingDirectory)) (void)!::fchdir(m_directory.Number());
-  for (int stream = 0; stream < kStandardStreams; ++stream) {
-    const Descriptor& kept = m_streams[static_cast<std::size_t>(stream)];
-    if (items.test(static_cast<std::size_t>(kStandardStream + stream))) (void)::dup2(kept.Number(), stream);
+  for (std::size_t stream = 0; stream < kStandardStreams; ++stream) {
+    if (!items.test(kStandardStream + stream)) continue;
+    (void)::dup2(m_streams[stream].Number(), static_cast<int>(stream));
   }
   for (int signal = 1; signal < NSIG; ++signal) {
     if (items.test(static_cast<std::size_t>(signal))) (void)::sigaction(signal, &m_dispositions[signal], nullptr);
@@ -362,14 +368,23 @@ HostStateGuard::HostStateGuard(const char* what, OnChange onChange, std::vector<
       m_onChange(onChange),
       m_names(names),
       m_isShared(onChange == OnChange::kPutBack && ForeignCall::IsOutermostHere()),
-      m_process(Find()) {}
+      m_process(Find()) {
+  ::pthread_sigmask(SIG_SETMASK, nullptr, &m_mask);
+}
 
+// The mask comes last: a signal it lets through must meet the host's own state.
 HostStateGuard::~HostStateGuard() {
   const int error = errno;
   HostStateItems putBack;
   HostStateItems left;
   EndOfProcess(putBack, left);
-  putBack |= m_thread.PutBack();
+  putBack |= m_floatingPoint.PutBack();
+  sigset_t mask{};
+  ::pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+  if (!isSame(mask, m_mask)) {
+    (m_onChange == OnChange::kPutBack ? putBack : left).set(kSignalMask);
+    if (m_onChange == OnChange::kPutBack) ::pthread_sigmask(SIG_SETMASK, &m_mask, nullptr);
+  }
   tell(m_what, "put back", putBack, m_names);
   tell(m_what, "left", left, m_names);
   errno = error;

@@ -3,6 +3,7 @@
 #include <signal.h>
 
 #include <bitset>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -28,34 +29,24 @@ enum HostStateItem {
 };
 using HostStateItems = std::bitset<kHostStateItems>;
 
-// What belongs to the calling thread, as it is at the construction.
-class ThreadState {
+// Of the calling thread: rounding, precision, exception masks and the treatment of denormal numbers, as they are at the
+// construction; without the exceptions raised so far.
+class FloatingPointControl {
  public:
-  ThreadState();
+  FloatingPointControl();
 
   // Puts back what is different, and answers it. REQUIRES: the same thread.
   HostStateItems PutBack() const;
 
  private:
-  // Rounding, precision, exception masks and the treatment of denormal numbers, without the exceptions raised so far.
-  struct FloatingPointControl {
-    static FloatingPointControl Current();
-    void Apply() const;
-    HostStateItems ChangesIn(const FloatingPointControl& now) const;
-    bool operator==(const FloatingPointControl&) const = default;
-
 #if defined(__x86_64__)
-    unsigned x87;
-    unsigned sse;
+  unsigned m_x87;
+  unsigned m_sse;
 #elif defined(__aarch64__)
-    unsigned long long fpcr;
+  unsigned long long m_fpcr;
 #else
-    int rounding;
+  int m_rounding;
 #endif
-  };
-
-  sigset_t m_mask{};
-  FloatingPointControl m_floatingPoint;
 };
 
 // A call of foreign code, which may change the locale for as long as it lasts, as R does for each block: what another
@@ -72,7 +63,7 @@ class ForeignCall {
   static bool IsOutermostHere();
 
   // How many unguarded calls have begun and ended.
-  static unsigned long UnguardedEvents();
+  static std::uint64_t UnguardedEvents();
 
   // When no thread has a call, the locale becomes what it was before the first of them.
   static void PutBackLocaleInTheEnd();
@@ -89,7 +80,7 @@ class HostStateGuard {
  public:
   enum class OnChange {
     kPutBack,
-    kLeave,  // but for what belongs to the thread, which is put back all the same
+    kLeave,  // but for the floating-point control, which is put back all the same
   };
 
   // `what` runs in the scope; a literal, for the trace. The names of what was changed go to `names` in the end, each
@@ -112,20 +103,21 @@ class HostStateGuard {
   std::vector<std::string>* const m_names;
   const bool m_isShared;
   std::shared_ptr<const Process> m_process;
-  const ThreadState m_thread;
+  sigset_t m_mask{};
+  const FloatingPointControl m_floatingPoint;
 };
 
-// Guards what belongs to the thread: cheap enough for every block.
-class ThreadStateGuard {
+// Guards the floating-point control, which takes no system call: cheap enough for every block.
+class FloatingPointGuard {
  public:
-  ThreadStateGuard(const char* what, std::vector<std::string>* names) : m_what(what), m_names(names) {}
-  ~ThreadStateGuard();
-  ThreadStateGuard(const ThreadStateGuard&) = delete;
-  ThreadStateGuard& operator=(const ThreadStateGuard&) = delete;
+  FloatingPointGuard(const char* what, std::vector<std::string>* names) : m_what(what), m_names(names) {}
+  ~FloatingPointGuard();
+  FloatingPointGuard(const FloatingPointGuard&) = delete;
+  FloatingPointGuard& operator=(const FloatingPointGuard&) = delete;
 
  private:
   const ForeignCall m_call{ForeignCall::Kind::kUnguarded};
   const char* const m_what;
   std::vector<std::string>* const m_names;
-  const ThreadState m_thread;
+  const FloatingPointControl m_floatingPoint;
 };

@@ -53,7 +53,7 @@ InpStatisticsX::InpStatisticsX(XConfigOptions* options, bool vexaDrive)
       m_options(options),
       m_library(nullptr),
       m_lastCode(vexadx::kSuccess),
-      m_guarding(vexadx::HostStateGuarding::kThread) {
+      m_guarding(vexadx::HostStateGuarding::kArithmetic) {
   (void)loadXlib();  // every later operation answers the code
 }
 
@@ -129,8 +129,8 @@ template <typename EntryPoint>
 int InpStatisticsX::callWithin(const char* name, EntryPoint entry) {
   using OnChange = HostStateGuard::OnChange;
   return codeOf(name, [&] {
-    if (m_guarding == vexadx::HostStateGuarding::kThread) {
-      const ThreadStateGuard guard(name, &m_hostStateChanges);
+    if (m_guarding == vexadx::HostStateGuarding::kArithmetic) {
+      const FloatingPointGuard guard(name, &m_hostStateChanges);
       return entry();
     }
     const bool putBack = m_guarding == vexadx::HostStateGuarding::kRestore;
