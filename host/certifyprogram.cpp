@@ -425,9 +425,9 @@ std::string stops(const Subject& subject) {
 std::string foreignNames(const std::string& directory, const std::vector<std::string>& known) {
   std::string names;
   for (const fs::directory_entry& entry : fs::directory_iterator(directory)) {
-    const std::string path = entry.path().string();
-    if (std::ranges::find(known, path) == known.end())
-      names += (names.empty() ? "" : ", ") + entry.path().filename().string();
+    if (std::ranges::find(known, entry.path().string()) != known.end()) continue;
+    if (!names.empty()) names += ", ";
+    names += entry.path().filename().string();
   }
   return names;
 }
@@ -435,10 +435,9 @@ std::string foreignNames(const std::string& directory, const std::vector<std::st
 void requireNoFiles(const Subject& subject, const std::vector<std::string>& ofHost, const std::string& when) {
   std::vector<std::string> known = ofHost;
   for (const char* name : {"words", "work"}) known.push_back(subject.pipes + name);
-  for (const std::string& directory : {subject.pipes, subject.pipes + "work"}) {
-    const std::string names = foreignNames(directory, known);
-    Require(names.empty(), "it left behind " + when + ": " + names);
-  }
+  std::string names = foreignNames(subject.pipes, known);
+  if (names.empty()) names = foreignNames(subject.pipes + "work", known);
+  Require(names.empty(), "it left behind " + when + ": " + names);
 }
 
 std::string leavesNoFiles(const Subject& subject) {

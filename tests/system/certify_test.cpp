@@ -61,6 +61,7 @@ const Row kRows[] = {
 #endif
 
     {"NoX", {"/bin/sleep"}, {"ready"}},
+    {"StartXWithChildren", {kStartX, "--library", kPlugin, "--block", "child", "--rule", "host-killed"}, {}},
     {"DeafToInterrupts",
      {kStartX, "--library", kPlugin, "--endless-block", "wait", "--rule", "interrupt"},
      {"interrupt"}},
