@@ -6,8 +6,8 @@
 
 // A language engine as the host drives it: initialise, then for each block pre-action, execution and post-action, then
 // stop. The public operations keep the state and write one trace line each; the virtual ones, of the same name with
-// "x_" in front, do the work. Codes of an engine are passed through unchanged; 0 is success, and vexadx::kFailed (1) also
-// that memory gave out.
+// "x_" in front, do the work. Codes of an engine are passed through unchanged; 0 is success, and vexadx::kFailed (1)
+// may be that memory gave out.
 //
 // An engine takes no lock: one thread at a time, which need not be the same one throughout. Only isRunning may be read
 // from other threads meanwhile.
