@@ -36,12 +36,9 @@ class StandardError {
 };
 
 // Engines of Python's.
-class Deaths : public FaultyX {
+class Deaths : public OutOfProcess {
  protected:
-  Deaths() {
-    PutStartX(VEXADX_STAGED_HOME "/bin/startx");
-    m_home.Configure("[PYX]\nLIB_NAME=vexapython\n");
-  }
+  Deaths() { m_home.Configure("[PYX]\nLIB_NAME=vexapython\n"); }
 
   // That tells what it writes last, and whose output is received.
   OutpX& AddPython(vexadx::Streams streams = vexadx::Streams::kError) {
@@ -81,8 +78,7 @@ const std::string kFloodBlock =
 
 }  // namespace
 
-TEST_F(Deaths, AreToldWithTheStep) {
-  PutStartX(VEXADX_STARTX_FAULT);
+TEST_F(FaultyX, ItsDeathIsToldWithTheStep) {
   const struct {
     const char* fault;
     int status;

@@ -39,9 +39,8 @@ Row faulty(const std::string& name, const std::string& fault, const Strings& bro
   return {name, {kFaulty, "--timeout", "8", "--set", "STARTX_FAULT=" + fault}, broken, notExamined};
 }
 
-// Its blocks cannot be interrupted.
-Row plugin(const std::string& name, const Strings& arguments, const Strings& broken) {
-  Row row{name, {kFaultyPlugin, "--timeout", "8"}, broken, {"interrupt"}};
+Row plugin(const std::string& name, const Strings& arguments, const Strings& broken, Strings notExamined = {}) {
+  Row row{name, {kFaultyPlugin, "--timeout", "8"}, broken, std::move(notExamined)};
   row.arguments.insert(row.arguments.end(), arguments.begin(), arguments.end());
   return row;
 }
@@ -80,12 +79,12 @@ const Row kRows[] = {
     plugin("ThrowsAtStart", {"--set", "FAULT_init_embedded_x=throw"}, {"exceptions", "start"}),
     plugin("BeginsWithCode", {"--set", "FAULT_pre_action=7"}, {"run"}),
     plugin("ThrowsFromBlock", {"--block", "throw"}, {"exceptions", "run"}),
-    plugin("StopsWithCode", {"--set", "FAULT_stop_embedded_x=7"}, {"stop"}),
+    plugin("StopsWithCode", {"--set", "FAULT_stop_embedded_x=7"}, {"stop"}, {"interrupt"}),
     plugin("Aborts", {"--block", "abort"}, {"exceptions", "run"}),
     plugin("Exits", {"--block", "exit"}, {"exceptions", "run"}),
     {"NeverReturns", {kFaultyPlugin, "--block", "never-return", "--timeout", "1"}, {"exceptions", "run"}},
-    plugin("ChangesTheMask", {"--block", "umask"}, {"host-state"}),
-    plugin("LosesDescriptors", {"--block", "descriptor"}, {"flat"}),
+    plugin("ChangesTheMask", {"--block", "umask"}, {"host-state"}, {"interrupt"}),
+    plugin("LosesDescriptors", {"--block", "descriptor"}, {"flat"}, {"interrupt"}),
     {"IsNotInterrupted", {kPlugin, "--timeout", "8", "--endless-block", "wait"}, {"interrupt"}},
     {"LacksAnEntryPoint", {VEXADX_TEST_PLUGINS "/libwithout_post_action.dylib"}, {"entry-points"}},
     {"LacksATable",
