@@ -36,11 +36,13 @@ class FaultyX : public OutOfProcess {
       int code = 0;
       while (code == 0 && !m_isOver) {
         code = neighbour.Run("neighbour's");
+        m_isAtWork = true;
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
       }
       const int stopped = neighbour.Stop();
       return code == 0 ? stopped : code;
     });
+    ASSERT_TRUE(BecomesTrue([this] { return m_isAtWork.load(); }));
   }
 
   void TearDown() override {
@@ -83,6 +85,7 @@ class FaultyX : public OutOfProcess {
 
   static inline pid_t neighbourProcess = -1;
 
+  std::atomic<bool> m_isAtWork{false};
   std::atomic<bool> m_isOver{false};
   std::future<int> m_neighbour;
   long m_bytes = 0;

@@ -233,6 +233,8 @@ unsigned currentSse() {
 
 FloatingPointControl::FloatingPointControl() : m_x87(currentX87()), m_sse(currentSse()) {}
 
+bool FloatingPointControl::IsInForce() const { return m_x87 == currentX87() && m_sse == currentSse(); }
+
 HostStateItems FloatingPointControl::PutBack() const {
   constexpr unsigned kRoundingOfX87 = 0x0C00;
   constexpr unsigned kRounding = 0x6000;
@@ -240,7 +242,6 @@ HostStateItems FloatingPointControl::PutBack() const {
   const unsigned differentX87 = m_x87 ^ currentX87();
   const unsigned different = m_sse ^ currentSse();
   HostStateItems changes;
-  if (differentX87 == 0 && different == 0) return changes;
   changes[kRoundingMode] = (differentX87 & kRoundingOfX87) != 0 || (different & kRounding) != 0;
   changes[kFlushToZero] = (different & kToZero) != 0;
   changes[kFloatingPointControl] = (differentX87 & ~kRoundingOfX87) != 0 || (different & ~(kRounding | kToZero)) != 0;
@@ -264,12 +265,13 @@ unsigned long long currentFpcr() {
 
 FloatingPointControl::FloatingPointControl() : m_fpcr(currentFpcr()) {}
 
+bool FloatingPointControl::IsInForce() const { return m_fpcr == currentFpcr(); }
+
 HostStateItems FloatingPointControl::PutBack() const {
   constexpr unsigned long long kRounding = 3ULL << 22;
   constexpr unsigned long long kToZero = 1ULL << 24;
   const unsigned long long different = m_fpcr ^ currentFpcr();
   HostStateItems changes;
-  if (different == 0) return changes;
   changes[kRoundingMode] = (different & kRounding) != 0;
   changes[kFlushToZero] = (different & kToZero) != 0;
   changes[kFloatingPointControl] = (different & ~(kRounding | kToZero)) != 0;
@@ -281,16 +283,20 @@ HostStateItems FloatingPointControl::PutBack() const {
 
 FloatingPointControl::FloatingPointControl() : m_rounding(std::fegetround()) {}
 
+bool FloatingPointControl::IsInForce() const { return m_rounding == std::fegetround(); }
+
 HostStateItems FloatingPointControl::PutBack() const {
   HostStateItems changes;
   changes[kRoundingMode] = m_rounding != std::fegetround();
-  if (changes.any()) (void)std::fesetround(m_rounding);
+  (void)std::fesetround(m_rounding);
   return changes;
 }
 
 #endif
 
-FloatingPointGuard::~FloatingPointGuard() { tell(m_what, "put back", m_floatingPoint.PutBack(), m_names); }
+FloatingPointGuard::~FloatingPointGuard() {
+  if (!m_floatingPoint.IsInForce()) tell(m_what, "put back", m_floatingPoint.PutBack(), m_names);
+}
 
 // What belongs to the process.
 class HostStateGuard::Process {

@@ -35,7 +35,10 @@ class FloatingPointControl {
  public:
   FloatingPointControl();
 
-  // Puts back what is different, and answers it. REQUIRES: the same thread.
+  // REQUIRES: the same thread, as for the next.
+  bool IsInForce() const;
+
+  // Puts back what is different, and answers it.
   HostStateItems PutBack() const;
 
  private:
