@@ -310,7 +310,7 @@ int main(int argc, char** argv) {
   const std::string option = argc == 2 ? argv[1] : "";
   if (option == "--list") listFaults();
   if (option == "--moments") listMoments();
-  if (!option.empty()) return 0;
+  if (option == "--list" || option == "--moments") return 0;
   if (argc < 5) return 2;
   (void)::alarm(kLifetime);
   (void)::setpgid(0, 0);

@@ -32,8 +32,8 @@ std::string existingFile(const std::string& path) {
 }
 
 bool isPlugin(const Certificate& certificate, const std::string& file) {
-  if (certificate.kind != Certificate::Kind::kBySight) return certificate.kind == Certificate::Kind::kPlugin;
-  if (libraryfile::IsSharedLibrary(file)) return true;
+  if (certificate.kind == Certificate::Kind::kPlugin) return true;
+  if (certificate.kind == Certificate::Kind::kBySight && libraryfile::IsSharedLibrary(file)) return true;
   if (::access(file.c_str(), X_OK) == 0) return false;
   throw Problem(kWrongUsage, file + " is neither a program that can be executed nor a shared library",
                 "make a program executable: chmod +x " + file);
@@ -161,6 +161,9 @@ int Certify(const CommandLine& commandLine, Report& report) {
   const std::string file = existingFile(certificate.file);
   const std::string engine = UpperString(certificate.engine);
   const bool isLibrary = isPlugin(certificate, file);
+  if (isLibrary && !certificate.library.empty()) {
+    throw Problem(kWrongUsage, "--library is for a program, and " + file + " is a plug-in library", "leave it out");
+  }
   const std::vector<Rule> rules =
       chosenRules(isLibrary ? certify::PluginRules() : certify::ProgramRules(), certificate.rules);
 

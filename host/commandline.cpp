@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cctype>
 
 #include "dxutils.h"
 #include "problem.h"
@@ -9,7 +10,7 @@
 namespace {
 
 constexpr double kLongestLimit = 1e6;
-constexpr const char* kHelpAdvice = "\"vexadx --help\" and \"vexadx run --help\" show the usage";
+constexpr const char* kHelpAdvice = "\"vexadx --help\" shows the usage, \"vexadx COMMAND --help\" that of a command";
 
 // The files and texts of `vexadx run`. The parser collects each kind for itself; its parse order tells how they were
 // mixed.
@@ -119,6 +120,17 @@ void AddJson(CLI::App& command, CommandLine& result) {
   command.add_flag("--json", result.json, "Write one JSON object a line to standard output");
 }
 
+// What is wrong with it; empty: nothing. Both become part of a configuration file, the first of file names as well.
+std::string IsEngineName(const std::string& text) {
+  const auto isWord = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_'; };
+  return !text.empty() && std::ranges::all_of(text, isWord) ? "" : "an engine's name has letters, digits and _ only";
+}
+
+std::string IsSetting(const std::string& text) {
+  const bool isLine = text.find('\n') == std::string::npos;
+  return isLine && text.find('=') != std::string::npos && text[0] != '=' ? "" : "it is not KEY=VALUE: " + text;
+}
+
 CLI::App* AddCertify(CLI::App& app, CommandLine& result) {
   CLI::App* certify = app.add_subcommand("certify", "Examine which rules an X process program or a plug-in keeps");
   Certificate& certificate = result.certificate;
@@ -129,7 +141,10 @@ CLI::App* AddCertify(CLI::App& app, CommandLine& result) {
   };
   CLI::Option* const program = kind("--program", Certificate::Kind::kProgram, "FILE is a program");
   kind("--plug-in", Certificate::Kind::kPlugin, "FILE is a plug-in library")->excludes(program);
-  certify->add_option("--engine", certificate.engine, "The X that it plays")->type_name("X")->capture_default_str();
+  certify->add_option("--engine", certificate.engine, "The X that it plays")
+      ->type_name("X")
+      ->check(IsEngineName)
+      ->capture_default_str();
   certify->add_option("--library", certificate.library, "The plug-in library that the program loads")
       ->type_name("FILE|NAME");
   certify->add_option("--block", certificate.block, "A block that answers 0; empty when left out")->type_name("TEXT");
@@ -137,7 +152,8 @@ CLI::App* AddCertify(CLI::App& app, CommandLine& result) {
       ->type_name("TEXT");
   certify->add_option("--set", certificate.section, "An option for its section of the configuration; may be repeated")
       ->allow_extra_args(false)
-      ->type_name("KEY=VALUE");
+      ->type_name("KEY=VALUE")
+      ->check(IsSetting);
   certify->add_option("--rule", certificate.rules, "Examine this rule, and those that it needs; may be repeated")
       ->allow_extra_args(false)
       ->type_name("NAME");
