@@ -46,6 +46,7 @@ class FaultyX : public OutOfProcess {
   }
 
   void TearDown() override {
+    if (!m_neighbour.valid()) return OutOfProcess::TearDown();
     m_isOver = true;
     EXPECT_EQ(0, m_neighbour.get()) << "the neighbour was touched";
     OutOfProcess::TearDown();

@@ -194,7 +194,6 @@ namespace {
 class AloneX : public FaultyX {
  protected:
   void SetUp() override {}
-  void TearDown() override { OutOfProcess::TearDown(); }
 };
 
 }  // namespace

@@ -288,10 +288,11 @@ TEST_F(JavaEngine, AStartWithoutDescriptorsIsACode) {
     rlim_t left;
     int code;
   } cases[] = {{0, 99122}, {1, 99121}};  // for the socket that is listened on, and for the connection
-  int others[16];                        // which a program that is started does not have: a sanitizer in it needs some
-  for (int& other : others) other = ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);
+  std::vector<int> others;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.left);
+    // Those that a program which is started may have: a sanitizer in it needs some.
+    for (int i = 0; i < 16; ++i) others.push_back(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0));
     const int lowestFree = ::dup(STDIN_FILENO);
     ASSERT_EQ(0, ::close(lowestFree));
     rlimit limit{};
