@@ -173,7 +173,7 @@ class Home {
     fs::create_directory_symlink(VEXADX_STAGED_HOME "/JRE", m_directory.Path("JRE"));
     fs::create_directory(m_directory.Path("pipes"));
     fs::create_directory(m_directory.Path("lib"));
-    fs::create_symlink(BENCH_PROGRAMS "/libbenchplugin.dylib", m_directory.Path("lib/libbenchplugin.dylib"));
+    fs::create_symlink(BENCH_PROGRAMS "/lib/libbenchplugin.dylib", m_directory.Path("lib/libbenchplugin.dylib"));
     for (const fs::directory_entry& library : fs::directory_iterator(VEXADX_STAGED_HOME "/lib")) {
       fs::create_symlink(library.path(), m_directory.Path("lib/" + library.path().filename().string()));
     }

@@ -99,7 +99,11 @@ class VEXADX_API DXCmdDispatcher {
   int receiveCmd(DXCmdDispatcherVisitor* visitor);
 
  private:
+  friend class OutpStatisticsX;
   friend class XPipeSuit;
+
+  // Whether the last command was sent, and what its server replied was not read.
+  VEXADX_HIDDEN bool hasMissedReply();
 
   // For a new server: this side's descriptors are closed, and files that the earlier one left are gone. This side's own
   // file is made anew when `ownToo` is set.

@@ -88,6 +88,7 @@ class VEXADX_API OutpStatisticsX : public StatisticsX {
   VEXADX_HIDDEN int executeJava();
 
   XConfigOptions* m_options;  // not owned
+  int m_processId;            // as the last fork answered it; -1: there was none
   int m_mode;
   bool m_isJava;
   std::shared_ptr<const ChildOutputSettings> m_output;  // for what the next process writes; null: left alone

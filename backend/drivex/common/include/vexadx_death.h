@@ -19,7 +19,7 @@ VEXADX_API const char* StepText(Step step);
 
 struct Death {
   bool hasEnded = false;
-  bool byLibrary = false;   // which killed it, as its start had failed or another one began
+  bool byLibrary = false;   // by a signal, as its start had failed, it waited for what could not come, or was stopped
   int status = 0;           // as waitpid tells it; -1: the system did not tell
   Step step = Step::kIdle;  // in which it ended
   std::string lastLines;    // what it wrote last, 16 KiB at most; empty unless KeepLastLines was called
@@ -36,8 +36,8 @@ using OutputReceiver = std::function<void(std::string_view text)>;
 // From the next start on, what the process writes to standard error, or to both streams in one, goes through a pipe,
 // and the end of it is kept. All of it is handed on at once and in order: to the receiver, or without one to where this
 // process's standard error leads at the start. Who takes it slowly holds the process up, as without the pipe; who does
-// not take it any more is left out. What a process that it left behind writes after its death is lost, and a start
-// without memory, descriptors or a thread for the pipe goes on without it.
+// not take it any more is left out. What a process that it left behind writes after its death goes into a pipe that
+// nobody reads, and may end it. A start without memory, descriptors or a thread for the pipe goes on without it.
 //
 // One call of the receiver at a time, on a thread of the library's or one that calls HandOnOutput; its exceptions are
 // dropped. It must not use the engine, and is not called any more once the engine is destroyed, which waits until the

@@ -143,6 +143,11 @@ int DXCmdDispatcher::sendCmd(CmdKey key, const std::vector<std::string>& argumen
   return code;
 }
 
+bool DXCmdDispatcher::hasMissedReply() {
+  const std::lock_guard exchange(m_exchange);
+  return m_csPipe->m_replyMissed;
+}
+
 void DXCmdDispatcher::renewEnds(bool ownToo) { m_csPipe->renewEnds(ownToo); }
 
 int DXCmdDispatcher::receiveCmd(DXCmdDispatcherVisitor* visitor) { return m_csPipe->receive(visitor); }

@@ -188,10 +188,11 @@ constexpr std::uint64_t kThreads = kEvent - 1;
 ForeignCall::ForeignCall(Kind kind) : m_kind(kind) {
   if (tCalls++ > 0) return;
   const std::uint64_t before = gCalls.count.fetch_add(kind == Kind::kUnguarded ? kEvent + kThread : kThread);
-  if ((before & kThreads) > 0 || gCalls.locale == std::setlocale(LC_ALL, nullptr)) return;
+  if ((before & kThreads) > 0) return;
   const std::lock_guard lock(gCalls.guard);  // the last of the calls before may be putting it back
   try {
-    gCalls.locale = std::setlocale(LC_ALL, nullptr);
+    const char* const locale = std::setlocale(LC_ALL, nullptr);
+    if (gCalls.locale != locale) gCalls.locale = locale;
   } catch (const std::bad_alloc&) {  // the call is counted, and ends as any other
   }
 }

@@ -133,7 +133,7 @@ std::string inHome(const std::string& relative) {
 }  // namespace
 
 OutpStatisticsX::OutpStatisticsX(XConfigOptions* options, int mode, bool vexaDrive)
-    : StatisticsX(vexaDrive), m_options(options), m_mode(mode), m_isJava(false) {}
+    : StatisticsX(vexaDrive), m_options(options), m_processId(-1), m_mode(mode), m_isJava(false) {}
 
 OutpStatisticsX::~OutpStatisticsX() {
   const CancellationGuard noCancellation;
@@ -163,14 +163,15 @@ int OutpStatisticsX::startProcess(XCmdArgument& arguments) {
   XCmdArgument environment;
   pushEnv(environment);
   const Launch launch(arguments, environment);
+  m_processId = -1;
   {
     const std::lock_guard lock(m_watchGuard);
     m_watch = PeerWatch::Make();
   }
   if (!m_watch) return vexadx::kProcessNotAlive;
   const std::shared_ptr<ChildOutput> output = m_output ? ChildOutput::Make(*m_output) : nullptr;
-  const pid_t process = launch.Fork(output.get());
-  m_watch->Begin(process, output);
+  m_processId = launch.Fork(output.get());
+  m_watch->Begin(m_processId, output);
   if (!m_isJava) suit().m_lastProcess = m_watch;
   return kSuccess;
 }
@@ -210,7 +211,7 @@ int OutpStatisticsX::startX() {
   if (code != kSuccess) return code;
   sleepThrough(kStart);
   code = isXProcessActive() ? checkReady() : vexadx::kProcessNotAlive;
-  if (code == kSuccess) (void)m_watch->EnterStep(Step::kIdle);
+  if (code == kSuccess) m_watch->EnterStep(Step::kIdle);
   return code;
 }
 
@@ -253,13 +254,13 @@ int OutpStatisticsX::startJava() {
   sleepThrough(kStart);
   m_watch->Reap();  // one that has ended is not there
   if (!isXProcessActive()) return vexadx::kJavaNotAlive;
-  if (code == kSuccess) (void)m_watch->EnterStep(Step::kIdle);
+  if (code == kSuccess) m_watch->EnterStep(Step::kIdle);
   return code;
 }
 
 int OutpStatisticsX::stat_stop_x() {
   int code = kSuccess;
-  if (m_watch) (void)m_watch->EnterStep(Step::kStop);
+  if (m_watch) m_watch->EnterStep(Step::kStop);
   if (isXProcessActive()) {
     code = sendCommand(DXCmdDispatcher::kStopDX, Step::kStop);
     TraceCode("stat_stop_x cmdDispatcher sendCmd", code);
@@ -299,9 +300,10 @@ int OutpStatisticsX::beginXRun() {
     }
     (void)result->DisconnectPipe();
   }
-  int code = pipes.getCmdDispatcher(false)->sendCmd(DXCmdDispatcher::kSetupRunDX);
+  DXCmdDispatcher* const commands = pipes.getCmdDispatcher(false);
+  int code = commands->sendCmd(DXCmdDispatcher::kSetupRunDX);
   TraceCode("setup_x_run cmdDispatcher sendCmd", code);
-  if (code == vexadx::kPipeFailed) leaveWaiting();
+  if (commands->hasMissedReply()) leaveWaiting();
   if (code != kSuccess) return operation.CameTo(code);
   if (!result->IsWritePipeConnected()) (void)result->ConnectPipe();
   if (code = result->OpenPipeToRead(); code != kSuccess) {

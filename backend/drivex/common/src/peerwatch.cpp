@@ -277,18 +277,26 @@ vexadx::Step PeerWatch::LastStep() {
 
 // Of a process that has died nothing changes any more. The pipes tell of a death before the system does, so the step in
 // which they did is the one.
-vexadx::Step PeerWatch::EnterStep(vexadx::Step step) {
+void PeerWatch::EnterStep(vexadx::Step step) {
   const std::lock_guard lock(m_guard);
-  const vexadx::Step before = m_step;
-  if (!m_ended && !m_isLost) m_step = step;
-  return before;
+  m_between = step;
+  if (!m_ended && !m_isLost && m_operations.empty()) m_step = step;
 }
 
-void PeerWatch::leaveStep(vexadx::Step before, int code) {
+void PeerWatch::enter(Operation& operation) {
   const std::lock_guard lock(m_guard);
+  m_operations.push_back(&operation);
+  if (!m_ended && !m_isLost) m_step = operation.m_step;
+}
+
+// Those of several levels end in any order.
+void PeerWatch::leave(Operation& operation) {
+  const std::lock_guard lock(m_guard);
+  std::erase(m_operations, &operation);
   if (m_ended) return;
+  const int code = operation.m_code;
   m_isLost = code == vexadx::kPipeClosed || code == vexadx::kPipeFailed || code == vexadx::kSocketFailed;
-  if (!m_isLost) m_step = before;
+  if (!m_isLost) m_step = m_operations.empty() ? m_between : m_operations.back()->m_step;
 }
 
 // Waits that began before the death was noted; those of later calls do not wait.
@@ -305,20 +313,17 @@ void PeerWatch::releaseWaits() {
   }
 }
 
-PeerWatch::Operation::Operation(std::shared_ptr<PeerWatch> watch, vexadx::Step step) : m_watch(std::move(watch)) {
+PeerWatch::Operation::Operation(std::shared_ptr<PeerWatch> watch, vexadx::Step step)
+    : m_watch(std::move(watch)), m_step(step) {
   if (!m_watch) return;
-  m_before = m_watch->EnterStep(step);
-  const std::lock_guard lock(m_watch->m_guard);
-  m_watch->m_operations.push_back(this);
+  m_watch->enter(*this);
   current = this;
 }
 
 PeerWatch::Operation::~Operation() {
   if (!m_watch) return;
   current = nullptr;
-  m_watch->leaveStep(m_before, m_code);
-  const std::lock_guard lock(m_watch->m_guard);
-  std::erase(m_watch->m_operations, this);
+  m_watch->leave(*this);
 }
 
 // Does what the other end would do: opens; closes, or lets go with a byte where another process has the pipe open;

@@ -85,13 +85,14 @@ class PeerWatch {
   // Whether it ended by a signal of Signal's.
   bool WasSignalled();
 
-  // Answers the step before; the first is the start.
-  vexadx::Step EnterStep(vexadx::Step step);
+  // The step between operations from now on; the first is the start.
+  void EnterStep(vexadx::Step step);
 
  private:
   void watch();
   void noteEnd();
-  void leaveStep(vexadx::Step before, int code);
+  void enter(Operation& operation);
+  void leave(Operation& operation);
   void releaseWaits();
   bool isGone();   // REQUIRES: the lock is held, as for the next
   bool reapNow();  // whether it is gone
@@ -107,6 +108,7 @@ class PeerWatch {
   bool m_isLost = false;  // an operation has met no process, and no later one has met it again
   int m_signal = 0;       // sent last
   vexadx::Step m_step = vexadx::Step::kStart;
+  vexadx::Step m_between = vexadx::Step::kStart;
   std::optional<int> m_status;
   std::shared_ptr<ChildOutput> m_output;
   std::vector<Operation*> m_operations;
@@ -137,7 +139,7 @@ class PeerWatch::Operation {
   static constinit thread_local Operation* current;
 
   const std::shared_ptr<PeerWatch> m_watch;
-  vexadx::Step m_before{};
+  const vexadx::Step m_step;
   int m_code = 0;
   std::atomic<int> m_waiting{0};  // for what, a Wait::Kind
   // Where; not changed any more once the death is noted. The descriptor is that of the pipe or connection, or stands

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <utility>
 
 #include "cancellationguard.h"
@@ -60,7 +61,12 @@ void VexaPipe::dropEnd() {
 int VexaPipe::discardLate() {
   if (const int code = OpenPipeToRead(); code != kSuccess) return code;
   pollfd waited{m_pipe, POLLIN, 0};
-  (void)::poll(&waited, 1, kAttemptMs);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kAttemptMs);
+  int left = kAttemptMs;
+  while (left > 0 && ::poll(&waited, 1, left) == -1 && errno == EINTR) {
+    const auto rest = end - std::chrono::steady_clock::now();
+    left = static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(rest).count());
+  }
   std::array<char, kPiece> bytes;
   int count = 0;
   while (::ioctl(m_pipe, FIONREAD, &count) == 0 && count > 0) {
