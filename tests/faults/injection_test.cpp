@@ -36,12 +36,12 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 template <typename Function>
-Function* preloaded(Function* /*own*/, const char* name) {
+Function* preloaded(const char* name) {
   void* const function = ::dlsym(RTLD_DEFAULT, name);
   if (!function) throw std::runtime_error("the preload library is not there");
   return reinterpret_cast<Function*>(function);
 }
-#define PRELOADED(function) preloaded(&(function), #function)
+#define PRELOADED(function) preloaded<decltype(function)>(#function)
 
 // Without those that the loader keeps for the text of its last error.
 long blocks() {
