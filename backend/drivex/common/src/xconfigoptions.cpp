@@ -77,9 +77,12 @@ class ProducedText {
     return std::any_of(m_products.begin(), m_products.end(), [&](const Product& p) { return p.name == name; });
   }
 
-  // A product that began inside another one and consumed text behind it still counts as that one's, which is forgotten
-  // after it: so the products nest, and since no name nests in itself, expansion ends.
-  void Add(const std::string& name, std::size_t afterEnd) { m_products.push_back({name, afterEnd}); }
+  // A product that began inside another one and consumed text behind it still counts as that one's: so the products
+  // nest, and since no name nests in itself, expansion ends.
+  void Add(const std::string& name, std::size_t afterEnd) {
+    for (Product& outer : m_products) outer.afterEnd = std::min(outer.afterEnd, afterEnd);
+    m_products.push_back({name, afterEnd});
+  }
 
  private:
   struct Product {
