@@ -61,6 +61,12 @@ void flushToZero() {
 #endif
 }
 
+void redirect() {
+  const int file = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+  (void)::dup2(file, STDERR_FILENO);
+  (void)::close(file);
+}
+
 int* volatile gNowhere = nullptr;  // as far as anybody can tell before it runs
 
 [[noreturn]] void writeToNowhere() {
@@ -85,6 +91,7 @@ constexpr struct {
     {"rounding", [] { (void)std::fesetround(FE_UPWARD); }},
     {"flush-to-zero", &flushToZero},
     {"close", [] { (void)::close(STDOUT_FILENO); }},
+    {"redirect", &redirect},
 
     {"descriptor", [] { (void)!::dup(STDERR_FILENO); }},
 

@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <functional>
 #include <future>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -45,6 +46,7 @@ const struct {
     {"directory", "working directory"},
     {"umask", "umask"},
     {"close", "standard output"},
+    {"redirect", "standard error"},
 };
 
 std::string hostState() {
@@ -56,6 +58,11 @@ std::string hostState() {
     struct sigaction action {};
     ::sigaction(signal, nullptr, &action);
     state << ", " << reinterpret_cast<void*>(action.sa_handler);
+  }
+  for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
+    struct stat file {};
+    ::fstat(stream, &file);
+    state << ", file " << file.st_dev << ' ' << file.st_ino;
   }
   return state.str();
 }
@@ -69,8 +76,10 @@ class HostsOwn {
     std::setlocale(LC_ALL, "C");
     std::filesystem::current_path(m_directory);
     ::umask(m_umask);
-    ::dup2(m_output, STDOUT_FILENO);
-    ::close(m_output);
+    for (const auto& [stream, kept] : m_streams) {
+      ::dup2(kept, stream);
+      ::close(kept);
+    }
   }
 
  private:
@@ -85,7 +94,7 @@ class HostsOwn {
     ::pthread_sigmask(SIG_SETMASK, nullptr, &mask);
     return mask;
   }();
-  const int m_output = ::dup(STDOUT_FILENO);
+  const std::map<int, int> m_streams{{STDOUT_FILENO, ::dup(STDOUT_FILENO)}, {STDERR_FILENO, ::dup(STDERR_FILENO)}};
 };
 
 std::atomic<int> gOutputs{0};

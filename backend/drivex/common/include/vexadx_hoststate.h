@@ -12,7 +12,7 @@ class InpStatisticsX;
 //
 //   of the calling thread   "rounding mode", "flush-to-zero", "floating-point control" (the rest of it), "signal mask"
 //   of the process          "SIGINT" and so on, a signal's disposition; "locale", "working directory", "umask",
-//                           "standard input", "standard output", "standard error" (closed)
+//                           "standard input", "standard output", "standard error" (closed, or another file)
 //
 // Around setup_dxcallback, init_embedded_x, stop_embedded_x and set_post_vexa_output all of it is always put back, for
 // the start of a language's runtime changes several of these and is nobody's wish. Around pre_action, execute_x and

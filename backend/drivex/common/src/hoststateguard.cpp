@@ -108,6 +108,9 @@ bool isSame(const struct sigaction& a, const struct sigaction& b) {
          isSame(a.sa_mask, b.sa_mask);
 }
 
+// Whether they are the same file.
+bool isSame(const struct stat& a, const struct stat& b) { return a.st_dev == b.st_dev && a.st_ino == b.st_ino; }
+
 // False for the numbers the system keeps to itself.
 bool getDisposition(int signal, struct sigaction& disposition) {
   return ::sigaction(signal, nullptr, &disposition) == 0;
@@ -335,11 +338,12 @@ HostStateItems HostStateGuard::Process::Changes() const {
   struct stat before {};
   struct stat now {};
   if (m_directory.IsOpen() && ::fstat(m_directory.Number(), &before) == 0 && ::stat(".", &now) == 0) {
-    changes[kWorkingDirectory] = before.st_dev != now.st_dev || before.st_ino != now.st_ino;
+    changes[kWorkingDirectory] = !isSame(before, now);
   }
   for (std::size_t stream = 0; stream < kStandardStreams; ++stream) {
-    const bool isClosed = ::fcntl(static_cast<int>(stream), F_GETFD) == -1 && errno == EBADF;
-    changes[kStandardStream + stream] = isClosed && m_streams[stream].IsOpen();
+    if (!m_streams[stream].IsOpen() || ::fstat(m_streams[stream].Number(), &before) != 0) continue;
+    const bool isThere = ::fstat(static_cast<int>(stream), &now) == 0;
+    changes[kStandardStream + stream] = !isThere || !isSame(before, now);
   }
   return changes;
 }
@@ -398,15 +402,20 @@ HostStateGuard::~HostStateGuard() {
 
 std::shared_ptr<const HostStateGuard::Process> HostStateGuard::Find() const {
   const CancellationGuard noLeak;
-  if (!m_isShared) return std::make_shared<const Process>();
-  const std::lock_guard lock(gShared.guard);
-  auto process = std::static_pointer_cast<const Process>(gShared.process.lock());
-  if (!process) process = std::make_shared<const Process>();
-  gShared.process = process;
-  return process;
+  try {
+    if (!m_isShared) return std::make_shared<const Process>();
+    const std::lock_guard lock(gShared.guard);
+    auto process = std::static_pointer_cast<const Process>(gShared.process.lock());
+    if (!process) process = std::make_shared<const Process>();
+    gShared.process = process;
+    return process;
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
 }
 
 void HostStateGuard::EndOfProcess(HostStateItems& putBack, HostStateItems& left) {
+  if (!m_process) return;
   const CancellationGuard noUnwinding;
   std::unique_lock lock(gShared.guard, std::defer_lock);
   if (m_isShared) lock.lock();

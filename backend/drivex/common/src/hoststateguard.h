@@ -11,7 +11,7 @@
 // What is the host's own while foreign code runs in its process: a Java machine that starts, a plug-in.
 //
 // Of the thread these are the signal mask and the floating-point control; of the process the signal dispositions, the
-// locale, the working directory, the file-creation mask, and that the standard streams are open. What cannot be looked
+// locale, the working directory, the file-creation mask, and the files of the standard streams. What cannot be looked
 // at is left alone, and so are the signals of faults (SIGSEGV, SIGBUS, SIGFPE, SIGILL) where a Java machine handles
 // them: it cannot work without.
 
@@ -78,7 +78,8 @@ class ForeignCall {
 // Guards all of it for a scope, which begins and ends on the same thread, and traces what was changed in it. Guards on
 // several threads share what the first of them found, and the last to end puts it back. Where unguarded calls on other
 // threads have begun or ended meanwhile, the locale is put back when all calls have ended, and working directory and
-// umask, which may be theirs, are left.
+// umask, which may be theirs, are left. Without memory for it what belongs to the process goes unguarded: foreign code
+// that ends something has to run all the same.
 class HostStateGuard {
  public:
   enum class OnChange {
@@ -105,7 +106,7 @@ class HostStateGuard {
   const OnChange m_onChange;
   std::vector<std::string>* const m_names;
   const bool m_isShared;
-  std::shared_ptr<const Process> m_process;
+  std::shared_ptr<const Process> m_process;  // null: unguarded
   sigset_t m_mask{};
   const FloatingPointControl m_floatingPoint;
 };
