@@ -27,7 +27,8 @@ struct Death {
 };
 
 // Of the process that was started last. With one that has ended, all that it wrote before is in; of one that lives, the
-// step it is in and what it wrote so far. Any thread, also while others use the engine.
+// step it is in and what it wrote so far; without memory for texts those are empty. Any thread, also while others use
+// the engine.
 VEXADX_API Death DeathOf(OutpStatisticsX& engine);
 
 enum class Streams { kError, kBoth };
@@ -41,7 +42,7 @@ using OutputReceiver = std::function<void(std::string_view text)>;
 //
 // One call of the receiver at a time, on a thread of the library's or one that calls HandOnOutput; its exceptions are
 // dropped. It must not use the engine, and is not called any more once the engine is destroyed, which waits until the
-// rest has been handed on. The thread that starts the engine.
+// rest has been handed on. Throws std::bad_alloc, and then changes nothing. The thread that starts the engine.
 VEXADX_API void KeepLastLines(OutpStatisticsX& engine, Streams streams = Streams::kError, OutputReceiver receiver = {});
 
 // Returns when all that the process has written so far has been handed on. Any thread but the receiver's.

@@ -13,6 +13,7 @@
 #include <new>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include "brokenpipeguard.h"
 #include "cancellationguard.h"
@@ -42,12 +43,11 @@ bool ChildOutput::Pipe::Open() {
   return read != -1 && write != -1;
 }
 
-ChildOutput::ChildOutput(const ChildOutputSettings& settings)
-    : m_streams(settings.streams), m_receiver(settings.receiver) {
+ChildOutput::ChildOutput(std::shared_ptr<const ChildOutputSettings> settings) : m_settings(std::move(settings)) {
   m_kept.reserve(2 * kKept + kPiece);
 }
 
-std::shared_ptr<ChildOutput> ChildOutput::Make(const ChildOutputSettings& settings) {
+std::shared_ptr<ChildOutput> ChildOutput::Make(std::shared_ptr<const ChildOutputSettings> settings) {
   // The host's signals are for the host's threads.
   sigset_t all;
   sigset_t mask;
@@ -55,7 +55,7 @@ std::shared_ptr<ChildOutput> ChildOutput::Make(const ChildOutputSettings& settin
   ::pthread_sigmask(SIG_SETMASK, &all, &mask);
   std::shared_ptr<ChildOutput> output;
   try {
-    output = std::make_shared<ChildOutput>(settings);
+    output = std::make_shared<ChildOutput>(std::move(settings));
     if (output->open()) {
       std::thread([output] { output->run(); }).detach();
     } else {
@@ -72,13 +72,13 @@ std::shared_ptr<ChildOutput> ChildOutput::Make(const ChildOutputSettings& settin
 
 // A host without standard error has nobody to hand anything on to.
 bool ChildOutput::open() {
-  if (!m_receiver) m_error.Reset(aboveStreams(STDERR_FILENO));
+  if (!m_settings->receiver) m_error.Reset(aboveStreams(STDERR_FILENO));
   return m_pipe.Open() && m_told.Open();
 }
 
 void ChildOutput::TakeStreams() const {
   (void)::dup2(m_pipe.write, STDERR_FILENO);
-  if (m_streams == vexadx::Streams::kBoth) (void)::dup2(m_pipe.write, STDOUT_FILENO);
+  if (m_settings->streams == vexadx::Streams::kBoth) (void)::dup2(m_pipe.write, STDOUT_FILENO);
 }
 
 void ChildOutput::ParentGoesOn() {
@@ -172,9 +172,9 @@ std::size_t ChildOutput::handOnSome() {
 
 void ChildOutput::hand(std::string_view text) {
   if (m_isReleased || text.empty()) return;
-  if (!m_receiver) return write(text);
+  if (!m_settings->receiver) return write(text);
   try {
-    m_receiver(text);
+    m_settings->receiver(text);
   } catch (...) {  // NOLINT(bugprone-empty-catch): the receiver's own loss
   }
 }
@@ -199,7 +199,7 @@ void ChildOutput::write(std::string_view text) const {
 void ChildOutput::Release() {
   HandOn();
   const std::lock_guard lock(m_handingOn);
-  m_isReleased = static_cast<bool>(m_receiver);
+  m_isReleased = static_cast<bool>(m_settings->receiver);
 }
 
 std::string ChildOutput::LastLines(bool hasDied) {

@@ -19,9 +19,9 @@ struct ChildOutputSettings {
 class ChildOutput {
  public:
   // Null when there is no memory, thread or descriptor for it. ParentGoesOn follows, come what may.
-  static std::shared_ptr<ChildOutput> Make(const ChildOutputSettings& settings);
+  static std::shared_ptr<ChildOutput> Make(std::shared_ptr<const ChildOutputSettings> settings);
 
-  explicit ChildOutput(const ChildOutputSettings& settings);
+  explicit ChildOutput(std::shared_ptr<const ChildOutputSettings> settings);
   ChildOutput(const ChildOutput&) = delete;
   ChildOutput& operator=(const ChildOutput&) = delete;
 
@@ -61,12 +61,11 @@ class ChildOutput {
   void hand(std::string_view text);
   void write(std::string_view text) const;
 
-  const vexadx::Streams m_streams;
+  const std::shared_ptr<const ChildOutputSettings> m_settings;
   Pipe m_told;  // of the child's death
 
   // Held while a piece is read and handed on, which may wait for whom it is for. Outer to the other.
   std::mutex m_handingOn;
-  vexadx::OutputReceiver m_receiver;
   bool m_isReleased = false;
   PeerWatch::Descriptor m_error;
 

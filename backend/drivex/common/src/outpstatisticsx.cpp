@@ -169,7 +169,7 @@ int OutpStatisticsX::startProcess(XCmdArgument& arguments) {
     m_watch = PeerWatch::Make();
   }
   if (!m_watch) return vexadx::kProcessNotAlive;
-  const std::shared_ptr<ChildOutput> output = m_output ? ChildOutput::Make(*m_output) : nullptr;
+  const std::shared_ptr<ChildOutput> output = m_output ? ChildOutput::Make(m_output) : nullptr;
   m_processId = launch.Fork(output.get());
   m_watch->Begin(m_processId, output);
   if (!m_isJava) suit().m_lastProcess = m_watch;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <new>
 #include <utility>
 
 #include "childoutput.h"
@@ -58,8 +59,13 @@ vexadx::Death vexadx::DeathOf(OutpStatisticsX& engine) {
   if (death.hasEnded) death.status = watch->EndStatus().value_or(-1);
   death.byLibrary = watch->WasSignalled();
   death.step = watch->LastStep();
-  if (const std::shared_ptr<ChildOutput> output = watch->Output()) death.lastLines = output->LastLines(death.hasEnded);
-  death.stack = stackIn(death.lastLines);
+  const std::shared_ptr<ChildOutput> output = watch->Output();
+  if (!output) return death;
+  try {
+    death.lastLines = output->LastLines(death.hasEnded);
+    death.stack = stackIn(death.lastLines);
+  } catch (const std::bad_alloc&) {  // NOLINT(bugprone-empty-catch): the rest is what a host out of memory needs
+  }
   return death;
 }
 
