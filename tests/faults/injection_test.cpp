@@ -5,11 +5,14 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <future>
+#include <limits>
 #include <new>
 #include <optional>
 #include <stdexcept>
@@ -430,14 +433,24 @@ TEST_F(JavaInjection, OfAnythingIsACode) {
   EXPECT_EQ(state, ProcessState());
 }
 
+void awaitSleepOf(pid_t thread) {
+  for (char state = 'R'; state != 'S';) {
+    std::ifstream status("/proc/self/task/" + std::to_string(thread) + "/stat");
+    status.ignore(std::numeric_limits<std::streamsize>::max(), ')') >> state;
+    std::this_thread::yield();
+  }
+}
+
 TEST(SteppedClock, ShortensAndLengthensNoWait) {
   static auto* const step = PRELOADED(faultpreload_step_clock);
   constexpr long kHour = 3600;
   for (const long seconds : {kHour, -kHour}) {
     std::vector<std::future<void>> waits;
+    std::array<std::promise<pid_t>, 2> threads;
     for (const bool isManual : {false, true}) {
-      waits.push_back(std::async(std::launch::async, [isManual, seconds] {
+      waits.push_back(std::async(std::launch::async, [isManual, seconds, &thread = threads[isManual]] {
         PlugInSynchEvent event(isManual, false, nullptr);
+        thread.set_value(::gettid());
         const Clock::time_point begin = Clock::now();
         event.WaitForSignal(1500);
         const auto taken = Clock::now() - begin;
@@ -445,7 +458,7 @@ TEST(SteppedClock, ShortensAndLengthensNoWait) {
         EXPECT_LT(taken, 2s) << seconds;
       }));
     }
-    std::this_thread::sleep_for(500ms);  // were it too short, the waits would only begin with the clock set
+    for (auto& thread : threads) awaitSleepOf(thread.get_future().get());
     const std::time_t before = ::time(nullptr);
     step(seconds);
     EXPECT_NEAR(static_cast<double>(before + seconds), static_cast<double>(::time(nullptr)), 2);

@@ -57,10 +57,11 @@ bool isOver(const std::future<int>& call, std::chrono::milliseconds atMost) {
 TEST_F(PythonX, IsWaitedForWhileItIsStopped) {
   OutpX& x = Add("PYX");
   ASSERT_EQ(0, x.Start());
-  const auto isStoppedFor = [&x](const std::function<int()>& call, const std::function<void()>& inTheMiddle) {
+  const auto codeAfterStop = [&x](const std::function<int()>& call, const std::function<void()>& inTheMiddle,
+                                  std::chrono::seconds time = 2s) {
     auto called = async(call);
     inTheMiddle();
-    EXPECT_FALSE(isOver(called, 2s));
+    EXPECT_FALSE(isOver(called, time));
     ::kill(x.Process(), SIGCONT);
     return called.get();
   };
@@ -70,18 +71,18 @@ TEST_F(PythonX, IsWaitedForWhileItIsStopped) {
     (void)::waitid(P_PID, static_cast<id_t>(x.Process()), &info, WSTOPPED | WNOWAIT);
   };
   stop();
-  EXPECT_EQ(0, isStoppedFor([&x] { return x.Run("kept = 'x' * 10_000_000"); }, [] {}));
+  EXPECT_EQ(0, codeAfterStop([&x] { return x.Run("kept = 'x' * 10_000_000"); }, [] {}));
   const std::string block = m_ready->OpenInPython() + m_go->AwaitInPython() + "raise SystemExit(len(kept))";
   ASSERT_EQ(0, x.Begin());
-  EXPECT_EQ(10'000'000, isStoppedFor([&] { return x.Execute(block); },
-                                     [&] {
-                                       m_ready->Await();
-                                       stop();
-                                       m_go->Open();
-                                     }));
+  const auto stopInTheMiddle = [&] {
+    m_ready->Await();
+    stop();
+    m_go->Open();
+  };
+  EXPECT_EQ(10'000'000, codeAfterStop([&] { return x.Execute(block); }, stopInTheMiddle, 30s));
   EXPECT_EQ(0, x.End());
   stop();
-  EXPECT_EQ(0, isStoppedFor([&x] { return x.Stop(); }, [] {}));
+  EXPECT_EQ(0, codeAfterStop([&x] { return x.Stop(); }, [] {}));
 }
 
 // From C code that knows of no interrupt, and from such that holds the interpreter's lock and blocks the signals.
