@@ -1,5 +1,6 @@
 #include "certify.h"
 
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <set>
 #include <span>
 
+#include "PlugInDynamicLoadedLibrary.h"
 #include "commands.h"
 #include "dxutils.h"
 #include "installation.h"
@@ -64,8 +66,8 @@ class Home {
   // Answers the name by which a configuration knows the library.
   std::string PutLibrary(const std::string& fileOrName) const {
     if (fileOrName.find('/') == std::string::npos) return fileOrName;
-    link(existingFile(fileOrName), m_path / "lib/libcertified.dylib");
-    return "certified";
+    link(existingFile(fileOrName), PlugInDecorateDynamicPathName((m_path / "lib" / certify::kLibrary).string()));
+    return certify::kLibrary;
   }
 
   void Configure(const std::string& engine, const std::vector<std::string>& section) const {
@@ -117,6 +119,12 @@ const char* wordOf(Finding::Result result) {
   return "not examined";
 }
 
+int list(Report& report) {
+  for (const Rule& rule : certify::ProgramRules()) report.ListedRule("program", rule.name, rule.sentence);
+  for (const Rule& rule : certify::PluginRules()) report.ListedRule("plug-in", rule.name, rule.sentence);
+  return kAllSucceeded;
+}
+
 class Examination {
  public:
   Examination(certify::Subject subject, std::string directory, double seconds, Report& report)
@@ -158,6 +166,7 @@ class Examination {
 
 int Certify(const CommandLine& commandLine, Report& report) {
   const Certificate& certificate = commandLine.certificate;
+  if (certificate.listsRules) return list(report);
   const std::string file = existingFile(certificate.file);
   const std::string engine = UpperString(certificate.engine);
   const bool isLibrary = isPlugin(certificate, file);
@@ -167,14 +176,22 @@ int Certify(const CommandLine& commandLine, Report& report) {
   const std::vector<Rule> rules =
       chosenRules(isLibrary ? certify::PluginRules() : certify::ProgramRules(), certificate.rules);
 
+  certify::NoteSignals();
   const PipeDirectory directory;
   const Home home(directory.Path(), TakeHome());
-  if (!isLibrary) home.PutProgram(file);
+  if (isLibrary) {
+    (void)home.PutLibrary(file);
+  } else {
+    home.PutProgram(file);
+  }
   std::vector<std::string> section = certificate.section;
   if (!certificate.library.empty()) section.push_back("LIB_NAME=" + home.PutLibrary(certificate.library));
   home.Configure(engine, section);
   Examination examination({file, engine, certificate.block, certificate.endlessBlock, home.Path(), ""},
                           directory.Path(), certificate.seconds, report);
-  for (const Rule& rule : rules) examination.Examine(rule);
+  for (const Rule& rule : rules) {
+    examination.Examine(rule);
+    if (const int signal = certify::EndingSignal()) return signal == SIGTERM ? kTerminated : kInterrupted;
+  }
   return examination.Status();
 }

@@ -52,6 +52,12 @@ struct Finding {
 // keep.
 Finding Examine(const Rule& rule, const Subject& subject, std::chrono::milliseconds atMost);
 
+// From here on INT and TERM, unless they are ignored, end the examination under way and any that follows.
+void NoteSignals();
+
+// The signal that came; 0: none has.
+int EndingSignal();
+
 // For rules: notes what is going on, in words that follow "while"; what a rule that hangs or crashes is told by.
 void Note(const std::string& step);
 
@@ -63,6 +69,9 @@ void RequireSuccess(int code, const std::string& when);
 
 // Throws Broken when many runs cost the process descriptors or memory; answers what they cost.
 std::string RequireFlat(pid_t process, const std::function<void()>& run);
+
+// By what name the home of a subject that is a library knows it.
+inline constexpr const char* kLibrary = "certified";
 
 // A block of bytes that are no text.
 inline constexpr const char* kOddBlock = "\x01\x7f\xff\xfe\r\xc3\r\n\xed\xa0\x80";

@@ -19,12 +19,15 @@
 #include "PlugInDynamicLoadedLibrary.h"
 #include "certify.h"
 #include "dxglobals.h"
-#include "hoststate.h"
+#include "inpstatisticsx.h"
+#include "installation.h"
 #include "libraryfile.h"
 #include "vexadx_codes.h"
+#include "vexadx_hoststate.h"
 #include "vexadx_plugin.h"
 #include "vexadxconfigreader.h"
 #include "xcmdargument.h"
+#include "xconfigoptions.h"
 
 namespace certify {
 
@@ -59,6 +62,7 @@ class Plugin {
     Note("it had been loaded");
   }
 
+  XCmdArgument Arguments() const { return XCmdArgument(vexadx::StartArguments(options())); }
   bool Has(const char* name) { return m_library.GetSymbolAddress(name) != nullptr; }
 
   void Meet(void* table) {
@@ -72,7 +76,7 @@ class Plugin {
     (void)call("set_post_vexa_output", [&] { return entry(output), 0; });
   }
   int Init() {
-    XCmdArgument arguments(vexadx::StartArguments(options()));
+    XCmdArgument arguments = Arguments();
     return call("init_embedded_x",
                 [&] { return find<int(int, char**)>("init_embedded_x")(arguments.argc(), arguments.argv()); });
   }
@@ -94,12 +98,6 @@ class Plugin {
   }
   void Run() { Run(m_subject.block); }
   void RequireStop() { RequireSuccess(Stop(), "from stop_embedded_x"); }
-
-  // Called around each entry point.
-  void Watch(std::function<void()> before, std::function<void(const char* name)> after) {
-    m_before = std::move(before);
-    m_after = std::move(after);
-  }
 
   bool HasThrown() const { return !m_thrown.empty(); }
   const std::string& Thrown() const { return m_thrown; }
@@ -123,22 +121,18 @@ class Plugin {
   template <typename Work>
   int call(const char* name, Work work) {
     Note(std::string(name) + " was called");
-    if (m_before) m_before();
     int code = vexadx::kFailed;
     try {
       code = work();
     } catch (...) {
       m_thrown += (m_thrown.empty() ? "" : ", ") + std::string(name);
     }
-    if (m_after) m_after(name);
     Note(std::string(name) + " had been called");
     return code;
   }
 
   const Subject& m_subject;
   PlugInDynamicLoadedLibrary m_library;
-  std::function<void()> m_before;
-  std::function<void(const char* name)> m_after;
   std::string m_thrown;
 };
 
@@ -278,19 +272,29 @@ void beParticular() {
   (void)::umask(027);
 }
 
+// As the guard of a host finds it.
 std::string leavesHostState(const Subject& subject) {
   beParticular();
   Plugin plugin(subject);
-  std::optional<HostState> before;
+  XConfigOptions options(kLibrary);
+  options.PutOption(XConfigOptions::KEY_LIB_NAME, kLibrary);
+  InpStatisticsX host(&options, true);
+  vexadx::GuardHostState(host, vexadx::HostStateGuarding::kReport);
   std::string changes;
-  plugin.Watch([&] { before.emplace(); },
-               [&](const char* name) {
-                 const std::string changed = before->ChangesTo(HostState());
-                 if (!changed.empty()) changes += (changes.empty() ? "" : "; ") + std::string(name) + ": " + changed;
-               });
-  plugin.Start();
-  plugin.Run();
-  plugin.RequireStop();
+  const auto call = [&](const std::string& name, const std::function<int()>& entry) {
+    Note(name + " was called");
+    RequireSuccess(entry(), "from " + name);
+    const std::string changed = Joined(vexadx::HostStateChanges(host));
+    if (!changed.empty()) changes += (changes.empty() ? "" : "; ") + name + ": " + changed;
+  };
+  XCmdArgument arguments = plugin.Arguments();
+  std::string block = subject.block;
+  call("setup_dxcallback", [&] { return host.setup_dxcallback(&gTable), 0; });
+  call("init_embedded_x", [&] { return host.init_embedded_x(arguments.argc(), arguments.argv()); });
+  call("pre_action", [&] { return host.pre_action(); });
+  call("execute_x", [&] { return host.execute_x(block.data()); });
+  call("post_action", [&] { return host.post_action(); });
+  call("stop_embedded_x", [&] { return host.stop_embedded_x(); });
   Require(changes.empty(), "it changed in " + changes);
   return "";
 }

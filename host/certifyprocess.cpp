@@ -11,7 +11,9 @@
 #endif
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -34,6 +36,19 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 constexpr auto kLook = 2ms;
+
+volatile std::sig_atomic_t gEndingSignal = 0;
+
+// The signals that end it all, and what was done with them before they were noted.
+struct Ending {
+  int signal;
+  struct sigaction before;
+};
+std::array<Ending, 2> gEndings{{{SIGINT, {}}, {SIGTERM, {}}}};
+
+void forgetSignals() {
+  for (const Ending& ending : gEndings) (void)::sigaction(ending.signal, &ending.before, nullptr);
+}
 
 // What the process of a rule tells, in memory that it shares with its parent: it may end at any moment.
 struct Notes {
@@ -117,12 +132,12 @@ void conclude(Notes& notes, Notes::State state, const std::string& detail) {
   ::_exit(0);
 }
 
-// How the process ended; nothing when it had to be ended.
+// How the process ended; nothing when it had to be ended, for its time was over or a signal has come.
 std::optional<int> awaitEnd(pid_t process, std::chrono::milliseconds atMost) {
   const Clock::time_point end = Clock::now() + atMost;
   int status = 0;
   while (::waitpid(process, &status, WNOHANG) != process) {
-    if (Clock::now() > end) {
+    if (Clock::now() > end || gEndingSignal != 0) {
       (void)::kill(process, SIGKILL);
       (void)::waitpid(process, &status, 0);
       return std::nullopt;
@@ -180,6 +195,7 @@ std::string endOf(int status) {
 
 Finding findingOf(const Notes& notes, std::optional<int> status, std::chrono::milliseconds atMost) {
   using Result = Finding::Result;
+  if (!status && gEndingSignal != 0) return {Result::kNotExamined, "a signal ended the examination"};
   if (!status) {
     return {Result::kBroken, withStep("nothing more came within " + std::to_string(atMost.count()) + " ms", notes)};
   }
@@ -202,7 +218,10 @@ Finding Examine(const Rule& rule, const Subject& subject, std::chrono::milliseco
   adoptOrphans();
   fs::create_directories(subject.pipes);
   const pid_t process = ::fork();
-  if (process == 0) examineHere(rule, subject, notes);
+  if (process == 0) {
+    forgetSignals();
+    examineHere(rule, subject, notes);
+  }
   if (process == -1) return {Finding::Result::kNotExamined, std::string("no process: ") + ::strerror(errno)};
   Finding finding = findingOf(notes, awaitEnd(process, atMost), atMost);
   endChildren();
@@ -214,6 +233,17 @@ Finding Examine(const Rule& rule, const Subject& subject, std::chrono::milliseco
   fs::remove_all(subject.pipes, ignored);
   return finding;
 }
+
+void NoteSignals() {
+  struct sigaction note {};
+  note.sa_handler = [](int signal) { gEndingSignal = signal; };
+  for (Ending& ending : gEndings) {
+    (void)::sigaction(ending.signal, nullptr, &ending.before);
+    if (ending.before.sa_handler != SIG_IGN) (void)::sigaction(ending.signal, &note, nullptr);
+  }
+}
+
+int EndingSignal() { return gEndingSignal; }
 
 void Note(const std::string& step) { put(gNotes->step, step); }
 

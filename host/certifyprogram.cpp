@@ -17,6 +17,7 @@
 #include <memory>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "asycspipe1.h"
@@ -24,7 +25,6 @@
 #include "clexdsmb.h"
 #include "dxglobals.h"
 #include "framing.h"
-#include "hoststate.h"
 #include "otherprocess.h"
 #include "outpstatisticsx.h"
 #include "vexadx_bytes.h"
@@ -528,10 +528,10 @@ std::string hearsSignals(const Subject& subject) {
   ::pthread_sigmask(SIG_SETMASK, &all, nullptr);
   X& x = startedX(subject);
   x.Run();
-  for (const int signal : {SIGINT, SIGTERM}) {
+  for (const auto& [signal, name] : {std::pair(SIGINT, "SIGINT"), std::pair(SIGTERM, "SIGTERM")}) {
     const auto isDeaf = otherprocess::IsDeafTo(x.Process(), signal);
     if (!isDeaf) throw NotExamined("the system does not tell which signals it takes");
-    Require(!*isDeaf, "it is deaf to " + SignalName(signal) + " because its host is");
+    Require(!*isDeaf, std::string("it is deaf to ") + name + " because its host is");
   }
   return "";
 }

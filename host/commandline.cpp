@@ -134,7 +134,7 @@ std::string IsSetting(const std::string& text) {
 CLI::App* AddCertify(CLI::App& app, CommandLine& result) {
   CLI::App* certify = app.add_subcommand("certify", "Examine which rules an X process program or a plug-in keeps");
   Certificate& certificate = result.certificate;
-  certify->add_option("FILE", certificate.file, "The program or the plug-in library")->required();
+  CLI::Option* const file = certify->add_option("FILE", certificate.file, "The program or the plug-in library");
   const auto kind = [&](const char* name, Certificate::Kind which, const char* what) {
     return certify->add_flag_callback(
         name, [&certificate, which] { certificate.kind = which; }, what);
@@ -161,6 +161,7 @@ CLI::App* AddCertify(CLI::App& app, CommandLine& result) {
       ->type_name("SECONDS")
       ->check(CLI::Range(0.1, 86400.0))
       ->capture_default_str();
+  certify->add_flag("--list", certificate.listsRules, "List the rules")->excludes(file);
   AddJson(*certify, result);
   return certify;
 }
@@ -207,7 +208,13 @@ std::optional<CommandLine> ParseCommandLine(int argc, char** argv) {
   result.engine = UpperString(result.engine);
   if (engines->parsed()) result.command = CommandLine::Command::kEngines;
   if (doctor->parsed()) result.command = CommandLine::Command::kDoctor;
-  if (certify->parsed()) result.command = CommandLine::Command::kCertify;
+  if (certify->parsed()) {
+    result.command = CommandLine::Command::kCertify;
+    const Certificate& certificate = result.certificate;
+    if (certificate.file.empty() && !certificate.listsRules) {
+      throw Problem(kWrongUsage, "FILE is required", kHelpAdvice);
+    }
+  }
   if (run->parsed()) {
     result.sources = sources.InOrder(*run);
     CheckEngineOptions(result, javaOptions->count_all() > 0);

@@ -40,6 +40,7 @@ struct Certificate {
   std::vector<std::string> section;  // KEY=VALUE, of its section of the configuration
   std::vector<std::string> rules;    // none: all
   double seconds = 30;               // for one rule
+  bool listsRules = false;           // and examines nothing
 };
 
 struct CommandLine {

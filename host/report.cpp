@@ -197,6 +197,11 @@ void Report::Rule(const RuleResult& result) {
   if (!result.detail.empty()) WriteLine("  " + result.detail);
 }
 
+void Report::ListedRule(const std::string& subject, const std::string& name, const std::string& rule) {
+  WriteLine(m_json ? Line({{"type", "rule"}, {"for", subject}, {"name", name}, {"rule", rule}})
+                   : subject + ' ' + name + ": " + rule);
+}
+
 int Report::End(int status) {
   if (m_json) WriteLine(Line({{"type", "end"}, {"status", status}}));
   if (m_writeError == 0) return status;

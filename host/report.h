@@ -94,6 +94,7 @@ class Report {
   void Engine(const EngineState& engine);
   void Check(const CheckResult& result);
   void Rule(const RuleResult& result);
+  void ListedRule(const std::string& subject, const std::string& name, const std::string& rule);
 
   // The last line. Answers the status to end with: output that could not be written is not a success.
   int End(int status);

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cctype>
+#include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
@@ -149,6 +151,30 @@ TEST(CertifyCommand, SaysInWordsWhatItSaw) {
   EXPECT_EQ("", outcome.err);
 }
 
+TEST(CertifyCommand, ListsTheRules) {
+  const Outcome outcome = RunVexadx({"certify", "--list"});
+  EXPECT_EQ(0, outcome.status);
+  ExpectWords(outcome.out, {"program ready: It makes", "program again: ", "plug-in loads: It can", "plug-in locale: "});
+}
+
+TEST(CertifyCommand, LeavesNothingWhenItIsEnded) {
+  const TempDir temporary;
+  ::setenv("TMPDIR", temporary.Path().c_str(), 1);
+  const struct {
+    int signal;
+    int status;
+  } ends[] = {{SIGINT, 130}, {SIGTERM, 143}};
+  for (const auto& end : ends) {
+    ChildProcess child(CommandOf(
+        {"certify", kStartX, "--library", kFaultyPlugin, "--block", "never-return", "--rule", "run", "--timeout", "60"}));
+    child.AwaitOutput("ready: kept");
+    EXPECT_EQ(end.status, EndBy(end.signal, child));
+    ExpectWords(child.Out(), {"run: not examined: ", "a signal ended the examination"});
+    EXPECT_TRUE(std::filesystem::is_empty(temporary.Path()));
+  }
+  ::unsetenv("TMPDIR");
+}
+
 TEST(CertifyCommand, ExplainsWrongUsage) {
   const TempHome home;
   const std::string text = home.Write("text", "no program\n");
@@ -163,6 +189,7 @@ TEST(CertifyCommand, ExplainsWrongUsage) {
       {{kPlugin, "--program", "--plug-in"}, {"--program", "--plug-in"}},
       {{kStartX, "--library", home.Path("lib/gone.so")}, {"there is no file", "gone.so"}},
       {{kPlugin, "--timeout", "0"}, {"--timeout"}},
+      {{kPlugin, "--list"}, {"--list"}},
   };
   for (const auto& c : cases) {
     Strings arguments{"certify"};
