@@ -1,3 +1,4 @@
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,6 +23,11 @@ std::atomic<bool> gStarted{false};
 std::mutex gStarting;  // held while the language is started or brought to rest. Outer to the language's own locks
 std::atomic<plugin::ErrorFunction> gErrors{nullptr};
 std::atomic<bool> gIsProcessOfLanguage{false};
+
+// The forks that led to this process since the library was loaded. To ask for the process's number instead costs more
+// than a short block has to spare.
+std::atomic<unsigned> gForks{0};
+[[maybe_unused]] const int kAreForksCounted = ::pthread_atfork(nullptr, nullptr, [] { ++gForks; });
 
 int start(std::span<char* const> arguments) {
   if (plugin::IsInBlockHere()) return kFailed;  // another thread may hold the lock and wait for the block
@@ -76,11 +82,11 @@ VEXADX_API int init_embedded_x(int argc, char** argv) {
 
 VEXADX_API int execute_x(char* syntax) {
   if (!gStarted || !syntax) return kFailed;
-  const pid_t process = ::getpid();
+  const unsigned forks = gForks;
   const int code = plugin::Contained(kFailed, [&] { return plugin::RunBlock(syntax); });
   // A process that the block has forked ends with it, for the host's work is the parent's. What the host has not yet
   // written is the parent's too, so nothing is flushed.
-  if (::getpid() != process && !plugin::IsProcessOfLanguage()) ::_exit(code);
+  if (gForks != forks && !plugin::IsProcessOfLanguage()) ::_exit(code);
   return code;
 }
 
