@@ -148,6 +148,7 @@ TYPED_TEST(FramingTest, TakesNothingOfWhatIsNoMessage) {
   for (std::size_t cut = 0; cut < message.size(); ++cut) cases.push_back({message.substr(0, cut), 99103});
   for (const int wrong : {-2147483647 - 1, -1, 0, 3, 51}) cases.push_back({WithNumber(message, 0, wrong), malformed});
   cases.push_back({WithNumber(message, 0, 2147483647), 99103});
+  cases.push_back({WithNumber(message, 12, 2), malformed});  // one integer more than there is: the rest is one short
   const auto length = static_cast<int>(message.size());
   cases.push_back({WithNumber(message, 0, length - 1), malformed});
   cases.push_back({WithNumber(message, 0, length + 1), 99103});
