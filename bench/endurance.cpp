@@ -62,10 +62,11 @@ struct Scale {
   int javaRuns;
   int nestings;
   int pairs;
+  bool looksAtTime;  // of each run, which other work of the machine prolongs
 };
 
-constexpr Scale kEachChange{200, 10, 500, 50, 20'000, 1'000'000, 20, 20, 1'000};
-constexpr Scale kRelease{2'000, 200, 500, 1'000, 1'000'000, 10'000'000, 600, 500, 50'000};
+constexpr Scale kEachChange{200, 10, 500, 50, 20'000, 1'000'000, 20, 20, 1'000, false};
+constexpr Scale kRelease{2'000, 200, 500, 1'000, 1'000'000, 10'000'000, 600, 500, 50'000, true};
 
 // A row of the table.
 struct Figure {
@@ -293,7 +294,7 @@ Figure killed(const Scale& scale, unsigned seed) {
   });
   return {"kill -9 at a random moment, " + std::to_string(scale.kills) + " times, seed " + std::to_string(seed),
           "99103 or 99104 within 1 s; the next start runs a block", std::to_string(wrong) + " wrong; " + told(times),
-          wrong == 0 && quantile(times, 1) < 1000};
+          wrong == 0 && quantile(times, 1) <= 1000};
 }
 
 // While a block waits.
@@ -315,7 +316,7 @@ Figure deathTold(const Scale& scale) {
   });
   return {"kill -9 while a block runs, " + std::to_string(scale.deaths) + " times",
           "99103; 99 % within 100 ms, all within 1 s", std::to_string(wrong) + " wrong; " + told(times),
-          wrong == 0 && quantile(times, 1) < 1000};
+          wrong == 0 && quantile(times, 0.99) <= 100 && quantile(times, 1) <= 1000};
 }
 
 Figure startedAndStopped(const Scale& scale, const Home& home) {
@@ -365,8 +366,11 @@ Figure runs(const Scale& scale) {
   bool grew = host->Grew(measured, kKiB * kKiB);
   measured += "; engine ";
   grew |= process->Grew(measured, kKiB * kKiB);
+  const bool isSlow = quantile(times, 0.5) > 1 || quantile(times, 0.99) > 5;
   return {"runs of an empty block out of process, " + std::to_string(scale.runs),
-          "half within 1 ms, 99 % within 5 ms; memory within 1 MiB after the first 1,000", measured, !grew};
+          (scale.looksAtTime ? "half within 1 ms, 99 % within 5 ms; " : "") +
+              std::string("memory within 1 MiB after the first 1,000"),
+          measured, !grew && !(isSlow && scale.looksAtTime)};
 }
 
 Figure insideRuns(const Scale& scale) {
@@ -383,7 +387,8 @@ Figure insideRuns(const Scale& scale) {
   const bool grew = before.Grew(measured, kLeakAllowed);
   (void)engine.stop_embedded_x();
   return {"runs in process of a plug-in that does nothing, " + std::to_string(scale.insideRuns),
-          "at most 1 µs each; nothing kept", measured, !grew};
+          (scale.looksAtTime ? "at most 1 µs each; " : "") + std::string("nothing kept"), measured,
+          !grew && !(each > 1000 && scale.looksAtTime)};
 }
 
 // Levels one after the other, a block in each, and back.
@@ -531,7 +536,7 @@ Figure javaKilled(const Scale& scale, const Home& home, unsigned seed) {
   return {"kill -9 of the Java extension at a random moment, " + std::to_string(scale.javaKills) + " times, seed " +
               std::to_string(seed),
           "the run ends within 1 s; the next start succeeds", std::to_string(wrong) + " wrong; " + told(times),
-          wrong == 0 && quantile(times, 1) < 1000};
+          wrong == 0 && quantile(times, 1) <= 1000};
 }
 
 }  // namespace
