@@ -1,6 +1,6 @@
 // A plug-in library that misbehaves when it is asked to. A block's text says how, in the words of kDeeds; what another
-// entry point does says the environment, FAULT_init_embedded_x and so on. A word that is a number is the code, 0
-// without one.
+// entry point does says the environment, FAULT_init_embedded_x and so on, and FAULT_load what the library does when it
+// is loaded. A word that is a number is the code, 0 without one.
 
 #include <fcntl.h>
 #include <signal.h>
@@ -123,6 +123,8 @@ int perform(const char* text) {
   }
   return code;
 }
+
+[[maybe_unused]] const int kCodeOfLoad = perform(std::getenv("FAULT_load"));
 
 }  // namespace
 

@@ -62,7 +62,6 @@ class Plugin {
     Note("it had been loaded");
   }
 
-  XCmdArgument Arguments() const { return XCmdArgument(vexadx::StartArguments(options())); }
   bool Has(const char* name) { return m_library.GetSymbolAddress(name) != nullptr; }
 
   void Meet(void* table) {
@@ -76,7 +75,7 @@ class Plugin {
     (void)call("set_post_vexa_output", [&] { return entry(output), 0; });
   }
   int Init() {
-    XCmdArgument arguments = Arguments();
+    XCmdArgument arguments(vexadx::StartArguments(options()));
     return call("init_embedded_x",
                 [&] { return find<int(int, char**)>("init_embedded_x")(arguments.argc(), arguments.argv()); });
   }
@@ -275,10 +274,14 @@ void beParticular() {
 // As the guard of a host finds it.
 std::string leavesHostState(const Subject& subject) {
   beParticular();
-  Plugin plugin(subject);
-  XConfigOptions options(kLibrary);
-  options.PutOption(XConfigOptions::KEY_LIB_NAME, kLibrary);
-  InpStatisticsX host(&options, true);
+  SetVEXAHOME(subject.home.c_str());
+  XConfigOptions options = *VexaDXConfigReader::GetInstance(subject.engine);
+  XCmdArgument arguments(vexadx::StartArguments(options));
+  XConfigOptions underAnotherName(kLibrary);
+  underAnotherName.PutOption(XConfigOptions::KEY_LIB_NAME, kLibrary);
+  for (const auto& [name, value] : options.GetXEnvVars()) underAnotherName.PutOption(name, value);
+  InpStatisticsX host(&underAnotherName, true);
+  if (host.loadXlib() != vexadx::kSuccess) throw NotExamined("it can be loaded from its own directory only");
   vexadx::GuardHostState(host, vexadx::HostStateGuarding::kReport);
   std::string changes;
   const auto call = [&](const std::string& name, const std::function<int()>& entry) {
@@ -287,7 +290,6 @@ std::string leavesHostState(const Subject& subject) {
     const std::string changed = Joined(vexadx::HostStateChanges(host));
     if (!changed.empty()) changes += (changes.empty() ? "" : "; ") + name + ": " + changed;
   };
-  XCmdArgument arguments = plugin.Arguments();
   std::string block = subject.block;
   call("setup_dxcallback", [&] { return host.setup_dxcallback(&gTable), 0; });
   call("init_embedded_x", [&] { return host.init_embedded_x(arguments.argc(), arguments.argv()); });

@@ -149,8 +149,13 @@ TEST_F(InProcess, StartsAndStopsLeaveTheHostsStateAlone) {
     deeds += change.deed + std::string(" ");
     names.emplace_back(change.name);
   }
+  const auto butForDescriptors = [](const std::string& state) { return state.substr(state.find(',')); };
+  const std::string beforeLoad = hostState();
+  ::setenv("FAULT_load", deeds.c_str(), 1);
   const auto engine = Engine("fault_plugin");
   const std::string before = hostState();
+  EXPECT_EQ(butForDescriptors(beforeLoad), butForDescriptors(before));
+  EXPECT_EQ(names, vexadx::HostStateChanges(*engine)) << "load";
   const struct {
     const char* entryPoint;
     std::function<void()> call;

@@ -14,8 +14,9 @@ class InpStatisticsX;
 //   of the process          "SIGINT" and so on, a signal's disposition; "locale", "working directory", "umask",
 //                           "standard input", "standard output", "standard error" (closed, or another file)
 //
-// Around setup_dxcallback, init_embedded_x, stop_embedded_x and set_post_vexa_output all of it is always put back, for
-// the start of a language's runtime changes several of these and is nobody's wish. Around pre_action, execute_x and
+// Around the load of the library, setup_dxcallback, init_embedded_x, stop_embedded_x and set_post_vexa_output all of it
+// is always put back (of the process's own only with the memory for it), for the start of a language's runtime changes
+// several of these and is nobody's wish. Around pre_action, execute_x and
 // post_action the floating-point control is always put back, which costs next to nothing, and the rest only when the
 // host asks for it: to look at it costs tens of microseconds, more than many a block, and whoever changes the working
 // directory in one block expects to find it there in the next.

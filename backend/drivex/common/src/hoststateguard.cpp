@@ -181,17 +181,30 @@ struct Calls {
 Calls& gCalls = *new Calls;
 thread_local int tCalls = 0;  // within one another
 
+// REQUIRES: the lock, and no call under way but one that begins.
+void putBackLocale() {
+  if (!gCalls.isLocaleToBePutBack.exchange(false)) return;
+  if (gCalls.locale != std::setlocale(LC_ALL, nullptr)) std::setlocale(LC_ALL, gCalls.locale.c_str());
+}
+
 constexpr std::uint64_t kThread = 1;
 constexpr std::uint64_t kEvent = 1 << 16;
 constexpr std::uint64_t kThreads = kEvent - 1;
 
 }  // namespace
 
+// The lock is taken by the first of the calls under way, and by the last when there is something to be put back: no
+// other begins while either is about the locale.
 ForeignCall::ForeignCall(Kind kind) : m_kind(kind) {
   if (tCalls++ > 0) return;
-  const std::uint64_t before = gCalls.count.fetch_add(kind == Kind::kUnguarded ? kEvent + kThread : kThread);
-  if ((before & kThreads) > 0) return;
-  const std::lock_guard lock(gCalls.guard);  // the last of the calls before may be putting it back
+  const std::uint64_t more = kind == Kind::kUnguarded ? kEvent + kThread : kThread;
+  std::uint64_t before = gCalls.count;
+  while ((before & kThreads) > 0) {
+    if (gCalls.count.compare_exchange_weak(before, before + more)) return;
+  }
+  const std::lock_guard lock(gCalls.guard);
+  if ((gCalls.count.fetch_add(more) & kThreads) > 0) return;
+  putBackLocale();  // the last of the calls before may be about to
   try {
     const char* const locale = std::setlocale(LC_ALL, nullptr);
     if (gCalls.locale != locale) gCalls.locale = locale;
@@ -201,14 +214,10 @@ ForeignCall::ForeignCall(Kind kind) : m_kind(kind) {
 
 ForeignCall::~ForeignCall() {
   if (--tCalls > 0) return;
-  const std::uint64_t less = m_kind == Kind::kUnguarded ? kEvent - kThread : -kThread;
-  if (!gCalls.isLocaleToBePutBack) {
-    gCalls.count += less;
-    return;
-  }
+  gCalls.count += m_kind == Kind::kUnguarded ? kEvent - kThread : -kThread;
+  if ((gCalls.count & kThreads) > 0 || !gCalls.isLocaleToBePutBack) return;
   const std::lock_guard lock(gCalls.guard);
-  if (((gCalls.count += less) & kThreads) > 0 || !gCalls.isLocaleToBePutBack.exchange(false)) return;
-  if (gCalls.locale != std::setlocale(LC_ALL, nullptr)) std::setlocale(LC_ALL, gCalls.locale.c_str());
+  if ((gCalls.count & kThreads) == 0) putBackLocale();
 }
 
 bool ForeignCall::IsOutermostHere() { return tCalls == 1; }

@@ -86,7 +86,12 @@ bool InpStatisticsX::openLibrary() {
 
   const std::string path = vexadx::PluginLibraryPath(*m_options, name);
   auto library = std::make_unique<PlugInDynamicLoadedLibrary>(path, 0);
-  if (library->LoadLibraryNow() != 0) {
+  int failed = 0;
+  {
+    const HostStateGuard guard("the load of the library", HostStateGuard::OnChange::kPutBack, &m_hostStateChanges);
+    failed = library->LoadLibraryNow();
+  }
+  if (failed != 0) {
     m_lastCode = vexadx::kLibraryNotLoaded;
     TraceLine(library->GetErrorString());
     TraceLine({"Load library from ", path, " failed."});
