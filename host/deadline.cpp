@@ -5,15 +5,20 @@
 
 #include <utility>
 
-Deadline::Deadline(Seconds limit, std::vector<Step> steps) {
-  if (limit <= Seconds::zero() || steps.empty()) return;
-  steps.front().after = limit;
+std::thread ThreadWithoutSignals(std::function<void()> work) {
   sigset_t all;
   sigset_t mask;
   ::sigfillset(&all);
   ::pthread_sigmask(SIG_SETMASK, &all, &mask);
-  m_thread = std::thread([this, steps = std::move(steps)] { watch(steps); });
+  std::thread thread(std::move(work));
   ::pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+  return thread;
+}
+
+Deadline::Deadline(Seconds limit, std::vector<Step> steps) {
+  if (limit <= Seconds::zero() || steps.empty()) return;
+  steps.front().after = limit;
+  m_thread = ThreadWithoutSignals([this, steps = std::move(steps)] { watch(steps); });
 }
 
 std::size_t Deadline::End() {

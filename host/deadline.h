@@ -8,6 +8,9 @@
 #include <thread>
 #include <vector>
 
+// A thread that gets no signals.
+std::thread ThreadWithoutSignals(std::function<void()> work);
+
 // Acts on what takes too long, step by step, until it is destroyed. The steps are taken on a thread of its own, which
 // gets no signals.
 class Deadline {

@@ -123,7 +123,8 @@ int Run(const CommandLine& commandLine, Report& report) {
   interrupt::Install();
   Session session(options, PlaceOf(commandLine, options),
                   commandLine.threaded ? Session::Thread::kOwn : Session::Thread::kCalling);
-  session.LimitTimes(commandLine.limits, [&report](const Problem& problem) {
+  session.LimitTimes(commandLine.limits, [&](const Problem& problem, const vexadx::Death& death) {
+    if (death.hasEnded) report.Death(options.XName(), death);
     report.Error(problem);
     ::_exit(report.End(problem.Status()));
   });

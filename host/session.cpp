@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <future>
 #include <iterator>
 #include <thread>
 #include <utility>
@@ -37,6 +38,10 @@ constexpr double kUsualStop = 3;   // an X process that was told to stop gives i
 constexpr Deadline::Seconds kAfterInterrupt{1};
 constexpr Deadline::Seconds kAfterTermination{0.5};
 constexpr Deadline::Seconds kAfterKill{0.25};
+
+constexpr auto kTaken = std::chrono::milliseconds(250);  // what is handed on, by whom it is for
+constexpr auto kSaid = std::chrono::seconds(1);
+constexpr auto kLook = std::chrono::milliseconds(10);
 
 double SecondsSince(Clock::time_point begin) { return std::chrono::duration<double>(Clock::now() - begin).count(); }
 
@@ -229,27 +234,77 @@ void Session::loadPlugin() {
                 StartAdvice(m_options, code));
 }
 
-void Session::LimitTimes(const TimeLimits& limits, std::function<void(const Problem&)> leave) {
+void Session::LimitTimes(const TimeLimits& limits, Leave leave) {
   m_limits = limits;
   if (m_outside && m_limits.stop == 0) m_limits.stop = kUsualStop;
   m_leave = std::move(leave);
 }
 
 // Also of an engine that is being started.
-void Session::signalEngine(int signal) { SignalGroup(vexadx::ProcessOf(*m_outside).id, signal); }
+void Session::signalEngine(int signal) {
+  m_isSignalled = true;
+  SignalGroup(vexadx::ProcessOf(*m_outside).id, signal);
+}
 
 // The first after an interrupt, unless a limit comes before it.
 std::vector<Deadline::Step> Session::endingSteps(const std::string& what) {
-  if (!m_outside) return {{kAfterInterrupt, [this, what] { leave(what + " and cannot be ended but with vexadx"); }}};
+  if (!m_outside)
+    return {{kAfterInterrupt, [this, what] { leave(TimedOut(what + " and cannot be ended but with vexadx")); }}};
   return {{kAfterInterrupt, [this] { signalEngine(SIGTERM); }},
           {kAfterTermination, [this] { signalEngine(SIGKILL); }},
-          {kAfterKill, [this, what] { leave(what + LateEnd(m_outside)); }}};
+          {kAfterKill, [this, what] { leave(TimedOut(what + LateEnd(m_outside))); }}};
 }
 
-void Session::leave(const std::string& what) {
-  handOnOutput();
+// Nobody may be taking what is still to be handed on and said.
+void Session::leave(const Problem& problem) {
+  std::thread([status = problem.Status()] {
+    std::this_thread::sleep_for(kTaken + kSaid);
+    ::_exit(status);
+  }).detach();
   if (m_directory) m_directory->Remove();
-  m_leave(TimedOut(what));
+  std::packaged_task<void()> handOn([this] { handOnOutput(); });
+  const std::future<void> isHandedOn = handOn.get_future();
+  std::thread(std::move(handOn)).detach();
+  const bool isTaken = isHandedOn.wait_for(kTaken) == std::future_status::ready;
+  m_leave(problem, isTaken ? Death() : vexadx::Death());
+}
+
+Problem Session::notStarted(int code) {
+  return {kNotStarted,
+          "the engine " + m_options.XName() + " could not be started: " + CodeText(code) + OwnEnd(m_outside),
+          StartAdvice(m_options, code)};
+}
+
+// The library goes on asking a process for ten seconds whether it is ready, also one that has ended.
+class Session::StartWatch {
+ public:
+  explicit StartWatch(Session& session) {
+    if (session.m_outside && !session.m_socket) m_thread = ThreadWithoutSignals([this, &session] { watch(session); });
+  }
+  ~StartWatch() {
+    m_isOver = true;
+    if (m_thread.joinable()) m_thread.join();
+  }
+  StartWatch(const StartWatch&) = delete;
+  StartWatch& operator=(const StartWatch&) = delete;
+
+ private:
+  void watch(Session& session) {
+    for (; !m_isOver; std::this_thread::sleep_for(kLook)) {
+      const vexadx::Death death = session.Death();
+      if (!death.hasEnded || death.byLibrary || session.m_isSignalled || m_isOver) continue;
+      session.leave(WasNotExecuted(*session.m_outside) ? plugincheck::NotAProgram()
+                                                       : session.notStarted(vexadx::kPipeFailed));
+    }
+  }
+
+  std::atomic<bool> m_isOver{false};
+  std::thread m_thread;
+};
+
+int Session::startEngine() {
+  const StartWatch watch(*this);
+  return RegisteredDriver(m_registry, *m_engine, m_options)->initializeX();
 }
 
 StartResult Session::Start() {
@@ -257,7 +312,7 @@ StartResult Session::Start() {
   const std::string late =
       TookLonger("the start of the engine " + m_options.XName(), m_limits.start, "--start-timeout");
   Deadline deadline(Deadline::Seconds(m_limits.start), endingSteps(late));
-  const int code = RegisteredDriver(m_registry, *m_engine, m_options)->initializeX();
+  const int code = startEngine();
   handOnOutput();
   if (deadline.End() > 0) throw TimedOut(late + LateEnd(m_outside));
   if (m_outside) {
@@ -266,9 +321,7 @@ StartResult Session::Start() {
   }
   if (code == vexadx::kSuccess) return {m_options.XName(), gProcess, SecondsSince(begin)};
   if (m_outside && !m_socket && WasNotExecuted(*m_outside)) throw plugincheck::NotAProgram();
-  throw Problem(kNotStarted,
-                "the engine " + m_options.XName() + " could not be started: " + CodeText(code) + OwnEnd(m_outside),
-                StartAdvice(m_options, code));
+  throw notStarted(code);
 }
 
 BlockResult Session::Run(Block& block) {
@@ -282,6 +335,7 @@ BlockResult Session::Run(Block& block) {
   BlockResult result;
   result.name = block.name;
   result.code = m_thread == Thread::kOwn ? driver->RunOnItsThread() : driver->invokeX();
+  handOnOutput();
   const bool isLate = deadline.End() > 0;
   result.seconds = SecondsSince(begin);
   if (m_socket && result.code == vexadx::kSuccess) result.code = exitCode();
@@ -289,7 +343,6 @@ BlockResult Session::Run(Block& block) {
   // A block that came to its end all the same was not cut short.
   result.interrupted = (driver->Interrupted() || isLate) && !isEnded && result.code != vexadx::kSuccess;
   if (isLate) result.timedOut = TimedOut(late + (isEnded ? LateEnd(m_outside) : "; it was interrupted"));
-  handOnOutput();
   return result;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -43,8 +44,10 @@ class Session {
   void KeepLastLines();
 
   // What takes longer is interrupted, if it is a block, and then ended with its process. What cannot be ended so is
-  // left with the whole program: the function gets the reason on a thread of ours and does not return.
-  void LimitTimes(const TimeLimits& limits, std::function<void(const Problem&)> leave);
+  // left with the whole program, and so is a start whose process has ended: the function gets the reason, and the death
+  // of the process if there is anybody to take that, on a thread of ours and does not return.
+  using Leave = std::function<void(const Problem& problem, const vexadx::Death& death)>;
+  void LimitTimes(const TimeLimits& limits, Leave leave);
 
   // Load opens the plug-in library, or looks whether there is an engine program. Each throws Problem when the engine
   // cannot be used.
@@ -60,17 +63,22 @@ class Session {
   StopResult Stop();
 
  private:
+  class StartWatch;
+
   void loadPlugin();
   void handOnOutput();
   void signalEngine(int signal);
   std::vector<Deadline::Step> endingSteps(const std::string& what);
-  void leave(const std::string& what);
+  void leave(const Problem& problem);
+  Problem notStarted(int code);
+  int startEngine();
   int exitCode();
 
   XConfigOptions& m_options;
   const Thread m_thread;
   TimeLimits m_limits;
-  std::function<void(const Problem&)> m_leave;
+  Leave m_leave;
+  std::atomic<bool> m_isSignalled{false};  // the process, as it took too long
   std::optional<PipeDirectory> m_directory;
   std::optional<JavaPlugInSocket> m_socket;  // of the Java extension
   XPipeManager m_pipes;
