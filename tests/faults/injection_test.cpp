@@ -241,6 +241,16 @@ class Injection : public OutOfProcess {
     return areReached;
   }
 
+  // Until a run and stop make fewer of the calls.
+  void sweepRunAndStop(const char* call, const char* rest) {
+    int number = 0;
+    for (bool areReached = true; areReached;) {
+      std::vector<std::string> failures;
+      for (std::size_t i = 0; i < kAtOnce; ++i) failures.push_back(nth(call, ++number, rest));
+      areReached = failInRunAndStop(failures);
+    }
+  }
+
   void expectAllHealthy() {
     startAll(m_all.size());
     for (OutpX* const x : m_all) EXPECT_EQ(0, x->Stop());
@@ -257,12 +267,7 @@ TEST_F(Injection, OfAllocationsIntoRunAndStopIsACode) {
     SetDxTracer(traced);
     for (const char* const rest : {"", "+"}) {
       if (traced && *rest != '\0' && !isWhole()) continue;
-      int number = 0;
-      for (bool areReached = true; areReached;) {
-        std::vector<std::string> failures;
-        for (std::size_t i = 0; i < kAtOnce; ++i) failures.push_back(nth("alloc", ++number, rest));
-        areReached = failInRunAndStop(failures);
-      }
+      sweepRunAndStop("alloc", rest);
     }
   }
   expectAllHealthy();
@@ -274,7 +279,8 @@ TEST_F(Injection, OfErrorsIntoRunAndStopIsACode) {
   for (int number = 1; number <= 3; ++number) failures.push_back(nth("waitpid", number, ":EINTR"));
   for (const char* const call : {"open", "read", "write", "mkfifo", "poll"}) {
     for (const char* const error : kErrors) {
-      for (int number = 1; number <= (isWhole() ? 12 : 6); ++number) failures.push_back(nth(call, number, error));
+      if (isWhole()) sweepRunAndStop(call, error);
+      for (int number = 1; !isWhole() && number <= 6; ++number) failures.push_back(nth(call, number, error));
     }
   }
   while (!failures.empty()) {
