@@ -19,6 +19,7 @@
 #include "inpstatisticsx.h"
 #include "temphome.h"
 #include "vexadx_plugin.h"
+#include "within.h"
 
 inline std::string gOutput;
 inline std::function<void()> gOnOutput;
@@ -101,6 +102,7 @@ class Language : public testing::Test {
     const auto interrupting = std::async(std::launch::async, [&, runner = ::pthread_self()] {
       ready.get_future().wait();
       const auto done = ended.get_future();
+      const Within limit(std::chrono::seconds(2));
       do {
         interrupt(runner);
       } while (done.wait_for(std::chrono::milliseconds(100)) == std::future_status::timeout);

@@ -13,6 +13,7 @@
 #include "gate.h"
 #include "outpstatisticsx.h"
 #include "temphome.h"
+#include "within.h"
 #include "xmanager.h"
 #include "xpipemanager.h"
 
@@ -148,6 +149,7 @@ TEST_F(NestedRuns, GoFiftyDeepAndBack) {
   ASSERT_EQ(0, Start("PYTHON"));
   for (const int depth : {3, 50}) {
     SCOPED_TRACE(depth);
+    const Within limit(std::chrono::seconds(30));
     ASSERT_EQ(0, RunBlock("ended = []"));
     std::vector<std::unique_ptr<Gate>> gates;
     std::vector<std::unique_ptr<Run>> runs;

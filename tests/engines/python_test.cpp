@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "language.h"
+#include "within.h"
 
 namespace {
 
@@ -314,6 +315,7 @@ TEST_F(Python, AWrongHomeIsACodeAndTheRightOneIsUsedAndForgotten) {
   for (const std::string& wrong : {"/no/such/home"s, m_home.Path().string()}) {
     gOutput.clear();
     ::setenv("PYTHONHOME", wrong.c_str(), 1);
+    const Within limit(std::chrono::seconds(1));
     EXPECT_EQ(1, Start());
     EXPECT_NE(std::string::npos, gOutput.find(wrong)) << gOutput;
   }

@@ -4,6 +4,7 @@
 #include <pthread.h>
 
 #include <array>
+#include <chrono>
 #include <clocale>
 #include <cstdlib>
 #include <filesystem>
@@ -17,6 +18,7 @@
 #include "processstate.h"
 #include "vexadx_run.h"
 #include "vexajvm.h"
+#include "within.h"
 
 namespace {
 
@@ -207,6 +209,7 @@ TEST_F(R, AWrongHomeIsACodeAndTheRightOneStillStarts) {
   for (const std::string& wrong : {"/no/such/home"s, other.string()}) {
     gOutput.clear();
     ::setenv("R_HOME", wrong.c_str(), 1);
+    const Within limit(std::chrono::seconds(1));
     EXPECT_EQ(1, Start());
     EXPECT_NE(std::string::npos, gOutput.find(wrong)) << gOutput;
   }

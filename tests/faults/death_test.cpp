@@ -131,7 +131,7 @@ TEST_F(Deaths, AreToldWithTheLastLinesAndTheStack) {
     EXPECT_EQ(99103, x.Run(row.block));
     ASSERT_TRUE(x.Dies());
     const vexadx::Death death = vexadx::DeathOf(x.engine);
-    EXPECT_EQ(row.status, death.status & 0x7f7f) << "without the mark of a core file";
+    EXPECT_EQ(row.status, death.status & 0x7f7f) << "but for the mark of a core file";
     EXPECT_EQ(row.lines, death.lastLines.substr(0, row.lines.size()));
     EXPECT_EQ(row.stack, death.stack.substr(0, row.stack.size()));
     EXPECT_EQ(row.stack.empty(), death.stack.find("File \"<block 1>\"") == std::string::npos) << death.stack;

@@ -32,6 +32,7 @@
 #include "outofprocess.h"
 #include "preload.h"
 #include "vexadx_codes.h"
+#include "within.h"
 
 namespace {
 
@@ -360,7 +361,10 @@ TEST_F(Injection, OfARefusedUserIsToldAndStatus1) {
   for (const char* const call : {"seteuid", "setgid", "setuid"}) {
     OutpX& x = at(starts.size());
     Failing failing(nth(call, 1, ":EPERM:children"));
-    starts.push_back(std::async(std::launch::async, [&x, call] { EXPECT_EQ(99104, x.Start()) << call; }));
+    starts.push_back(std::async(std::launch::async, [&x, call] {
+      const Within limit(11s);
+      EXPECT_EQ(99104, x.Start()) << call;
+    }));
     EXPECT_TRUE(x.Dies()) << call;
     EXPECT_TRUE(failing.End()) << call;
   }

@@ -20,6 +20,7 @@
 #include "faultyx.h"
 #include "gate.h"
 #include "vexapipe.h"
+#include "within.h"
 
 namespace fs = std::filesystem;
 
@@ -62,6 +63,7 @@ TEST_F(PythonX, IsWaitedForWhileItIsStopped) {
     auto called = async(call);
     inTheMiddle();
     EXPECT_FALSE(isOver(called, time));
+    const Within limit(1s);
     ::kill(x.Process(), SIGCONT);
     return called.get();
   };

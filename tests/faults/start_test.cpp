@@ -21,6 +21,7 @@
 #include "faultyx.h"
 #include "inprocess.h"
 #include "unprivileged.h"
+#include "within.h"
 
 namespace fs = std::filesystem;
 
@@ -155,6 +156,7 @@ TEST_F(FaultyX, StartsOverWhatACrashedHostLeft) {
   for (const char* stale : {"_s", "_c", "0syntax", "0syntaxresult"}) {
     ASSERT_TRUE(fs::exists(prefix + stale) || ::mkfifo((prefix + stale).c_str(), 0600) == 0);
   }
+  const Within limit(11s);
   ExpectHealthyAgain(x);
 }
 

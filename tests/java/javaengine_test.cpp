@@ -1,10 +1,12 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -28,6 +30,7 @@
 #include "temphome.h"
 #include "vexadx_death.h"
 #include "vexadx_process.h"
+#include "within.h"
 #include "xconfigoptions.h"
 #include "xpipemanager.h"
 
@@ -283,11 +286,16 @@ TEST_F(JavaEngine, AStartEndsWithTheProcessThatItWaitsFor) {
 }
 
 TEST_F(JavaEngine, AStartWithoutDescriptorsIsACode) {
+  static std::atomic<int> forks;
+  ASSERT_EQ(0, ::pthread_atfork(
+                   nullptr, [] { ++forks; }, nullptr));
   UsePeer("connect wait");
   const struct {
     rlim_t left;
     int code;
-  } cases[] = {{0, 99122}, {1, 99121}};  // for the socket that is listened on, and for the connection
+    int forks;
+    std::chrono::milliseconds within;
+  } cases[] = {{0, 99122, 0, 100ms}, {1, 99121, 1, 11s}};  // for the socket that is listened on, and for the connection
   std::vector<int> others;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.left);
@@ -299,7 +307,11 @@ TEST_F(JavaEngine, AStartWithoutDescriptorsIsACode) {
     ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &limit));
     const rlimit lowered{static_cast<rlim_t>(lowestFree) + c.left, limit.rlim_max};
     ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &lowered));
-    EXPECT_EQ(c.code, StartHere());
+    {
+      const Within time(c.within);
+      EXPECT_EQ(c.code, StartHere());
+    }
+    EXPECT_EQ(c.forks, forks.exchange(0));
     EXPECT_FALSE(HasChildren());
     ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &limit));
   }

@@ -16,9 +16,11 @@
 #include "temphome.h"
 #include "vexadx.h"
 #include "vexadx_plugin.h"
+#include "within.h"
 
 namespace {
 
+using namespace std::chrono_literals;
 using Json = nlohmann::json;
 
 Strings operator+(Strings first, const Strings& second) {
@@ -314,10 +316,14 @@ TEST_F(VexadxTest, WithoutAJavaRuntimeItSaysHowToGetOne) {
 TEST_F(VexadxTest, AnEngineProgramThatCannotBeRunIsExplained) {
   const std::string program = home.Path("bin/startx");
   const Strings run{"run", "CTEST", "--out-of-process", "-e", "0"};
+  const auto expectAtOnce = [&run](int status, const Strings& words) {
+    const Within limit(200ms);
+    ExpectProblem(status, words, run);
+  };
   home.Remove("bin/startx");
-  ExpectProblem(127, {program, "does not exist"}, run);
+  expectAtOnce(127, {program, "does not exist"});
   home.Write("bin/startx", "");
-  ExpectProblem(126, {program, "cannot be executed", "chmod +x"}, run);
+  expectAtOnce(126, {program, "cannot be executed", "chmod +x"});
   // The system finds out that it is no program, and says so on standard output.
   home.Write("bin/startx", "#!/no/such/interpreter\n");
   std::filesystem::permissions(program, std::filesystem::perms::owner_all);
@@ -723,6 +729,7 @@ TEST_F(VexadxJavaTest, CtrlCEndsTheCommandAloneAndAKilledProcessTheRun) {
   for (const bool killed : {false, true}) {
     ChildProcess child(CommandOf(Java("STATS_PROCESS", {"-e", "", "-e", "return"})));
     child.AwaitOutput("\n");
+    const Within limit(2s);
     if (killed) {
       ::kill(std::stoi(child.Out().substr(std::string("process ").size())), SIGKILL);
     } else {

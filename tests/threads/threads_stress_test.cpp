@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "threadtools.h"
+#include "within.h"
 
 namespace {
 
@@ -54,6 +55,7 @@ TEST(ThreadsUnderLoad, ExcludeEachOtherHoweverDeepTheyHold) {
   PlugInCriticalSectionExt ext;
   long counter = 0;  // guarded by the section
   long extCounter = 0;
+  const Within limit(std::chrono::seconds(10));
   inParallel(16, [&] {
     for (int depth = 1; depth <= 50; ++depth) {
       for (int i = 0; i < depth; ++i) section.Acquire();

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #ifdef __linux__
 #include <sys/inotify.h>
 #endif
@@ -14,8 +15,10 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "temphome.h"
+#include "within.h"
 
 namespace {
 
@@ -38,9 +41,14 @@ class MonitorTest : public ::testing::Test {
   TempDir m_dir;
 };
 
-void writeWords(int descriptor, std::initializer_list<int> words) {
-  ASSERT_EQ(static_cast<ssize_t>(words.size() * sizeof(int)),
-            ::write(descriptor, std::data(words), words.size() * sizeof(int)));
+std::string bytesOf(std::initializer_list<int> words) {
+  return {reinterpret_cast<const char*>(std::data(words)), words.size() * sizeof(int)};
+}
+
+// Once the other end has read what came before.
+void writeBytes(int descriptor, const std::string& bytes) {
+  for (int left = 1; left > 0;) ASSERT_EQ(0, ::ioctl(descriptor, FIONREAD, &left));
+  ASSERT_EQ(static_cast<ssize_t>(bytes.size()), ::write(descriptor, bytes.data(), bytes.size()));
 }
 
 int readWord(int descriptor) {
@@ -59,17 +67,27 @@ TEST(PipeErrors, AreTwo) {
 
 TEST_F(MonitorTest, ReadsUntilTheOtherEndStopsOrIsGone) {
   const struct {
-    std::initializer_list<int> words;  // at once
+    std::vector<std::string> writes;
     bool leaves;
     int calls;
-  } cases[] = {{{3}, false, 0}, {{3, 1}, false, 0}, {{1}, true, 1}, {{}, true, 1}, {{7}, true, 1}, {{1, 3}, true, 1}};
+  } cases[] = {
+      {{bytesOf({3})}, false, 0},
+      {{bytesOf({3, 1})}, false, 0},
+      {{bytesOf({1}), bytesOf({7}), bytesOf({3})}, false, 0},
+      {{bytesOf({1})}, true, 1},
+      {{}, true, 1},
+      {{bytesOf({7})}, true, 1},
+      {{bytesOf({1, 3})}, true, 1},
+      {{bytesOf({1}).substr(0, 2)}, true, 1},
+  };
   for (const auto& c : cases) {
     gCalls = 0;
     MonitorThread monitor(Path().c_str(), 1);
     monitor.SetExceptionHandle(&noteCall);
     ASSERT_TRUE(monitor.Start(0));
     const int peer = OpenPeer(O_WRONLY);
-    if (c.words.size() > 0) writeWords(peer, c.words);
+    const Within limit(std::chrono::milliseconds(1500));
+    for (const std::string& bytes : c.writes) writeBytes(peer, bytes);
     if (c.leaves) ::close(peer);
     EXPECT_TRUE(monitor.WaitForStop());
     EXPECT_EQ(c.calls, gCalls);

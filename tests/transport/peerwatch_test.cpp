@@ -2,11 +2,14 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+
+#include "temphome.h"
 
 TEST(PeerWatch, ReapsItsChildOnceItHasDied) {
   const pid_t child = ::fork();
@@ -28,6 +31,34 @@ TEST(PeerWatch, ReapsItsChildOnceItHasDied) {
   EXPECT_EQ(-1, ::waitpid(child, nullptr, 0));
   EXPECT_EQ(ECHILD, errno);
   watch->Signal(SIGKILL);  // to nobody
+}
+
+// Whether a core file is written is for the system to say.
+TEST(PeerWatch, TellsTheSameStatusBeforeAndAfterItReaps) {
+  const struct {
+    void (*end)();
+    int status;
+  } kRows[] = {{[] { ::_exit(3); }, 3 << 8}, {[] { ::raise(SIGKILL); }, SIGKILL}, {[] { ::raise(SIGABRT); }, SIGABRT}};
+  const TempDir directory;
+  for (const auto& row : kRows) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      rlimit core{};
+      (void)::getrlimit(RLIMIT_CORE, &core);
+      core.rlim_cur = core.rlim_max;
+      (void)::setrlimit(RLIMIT_CORE, &core);
+      if (::chdir(directory.Path().c_str()) == 0) row.end();
+      ::_exit(1);
+    }
+    const auto watch = PeerWatch::Make();
+    watch->Begin(child);
+    ASSERT_TRUE(watch->AwaitEnd(std::chrono::seconds(20)));
+    const auto told = watch->EndStatus();
+    ASSERT_TRUE(told);
+    EXPECT_EQ(row.status, *told & 0xff7f);
+    watch->Reap();
+    EXPECT_EQ(watch->EndStatus(), told);
+  }
 }
 
 TEST(PeerWatch, TouchesNoOtherProcess) {

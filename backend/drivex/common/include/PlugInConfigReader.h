@@ -12,8 +12,9 @@
 //
 // Lines are read in pieces of at most 2047 bytes, each piece a line of its own, and trimmed of white space at both
 // ends. Names are compared without regard to case and only as far as the requested name goes, so "R" also finds the
-// section RSERVE; the first match in the file wins. Blanks around "=" belong to key and value. Only a regular file is
-// read: anything else counts as one that cannot be opened.
+// section RSERVE; the first match in the file wins. Letters are compared as the process's locale has them: in a Turkish
+// one "I" is not the capital of "i". Blanks around "=" belong to key and value. Only a regular file is read: anything
+// else counts as one that cannot be opened.
 class VEXADX_API PlugInConfigReader {
  public:
   virtual ~PlugInConfigReader();

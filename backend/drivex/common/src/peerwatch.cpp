@@ -132,7 +132,9 @@ void awaitDeath(pid_t process, int /*descriptor*/) { awaitDeathSlowly(process); 
 #endif
 
 int waitStatus(const siginfo_t& info) {
-  return info.si_code == CLD_EXITED ? (info.si_status & 0xff) << 8 : info.si_status & 0x7f;
+  constexpr int kDumped = 0x80;
+  if (info.si_code == CLD_EXITED) return (info.si_status & 0xff) << 8;
+  return (info.si_status & 0x7f) | (info.si_code == CLD_DUMPED ? kDumped : 0);
 }
 
 }  // namespace
