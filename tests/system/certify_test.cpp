@@ -9,6 +9,7 @@
 #include <ostream>
 #include <string>
 
+#include "gate.h"
 #include "temphome.h"
 #include "vexadx.h"
 
@@ -158,6 +159,8 @@ TEST(CertifyCommand, ListsTheRules) {
 }
 
 TEST(CertifyCommand, LeavesNothingWhenItIsEnded) {
+  const TempDir gates;
+  const Gate begun(gates, "begun");
   const TempDir temporary;
   ::setenv("TMPDIR", temporary.Path().c_str(), 1);
   const struct {
@@ -165,9 +168,9 @@ TEST(CertifyCommand, LeavesNothingWhenItIsEnded) {
     int status;
   } ends[] = {{SIGINT, 130}, {SIGTERM, 143}};
   for (const auto& end : ends) {
-    ChildProcess child(CommandOf(
-        {"certify", kStartX, "--library", kFaultyPlugin, "--block", "never-return", "--rule", "run", "--timeout", "60"}));
-    child.AwaitOutput("ready: kept");
+    const std::string block = begun.OpenInPython() + "import time\ntime.sleep(1000)";
+    ChildProcess child(CommandOf({"certify", kPython, "--block", block, "--rule", "run", "--timeout", "60"}));
+    begun.Await();
     EXPECT_EQ(end.status, EndBy(end.signal, child));
     ExpectWords(child.Out(), {"run: not examined: ", "a signal ended the examination"});
     EXPECT_TRUE(std::filesystem::is_empty(temporary.Path()));
