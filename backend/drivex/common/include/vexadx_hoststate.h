@@ -16,10 +16,10 @@ class InpStatisticsX;
 //
 // Around the load of the library, setup_dxcallback, init_embedded_x, stop_embedded_x and set_post_vexa_output all of it
 // is always put back (of the process's own only with the memory for it), for the start of a language's runtime changes
-// several of these and is nobody's wish. Around pre_action, execute_x and
-// post_action the floating-point control is always put back, which costs next to nothing, and the rest only when the
-// host asks for it: to look at it costs tens of microseconds, more than many a block, and whoever changes the working
-// directory in one block expects to find it there in the next.
+// several of these and is nobody's wish. Around pre_action, execute_x and post_action the floating-point control is
+// always put back, which costs next to nothing, and the rest only when the host asks for it: to look at it costs tens
+// of microseconds, more than many a block, and whoever changes the working directory in one block expects to find it
+// there in the next.
 //
 // Whatever is put back, or found to be changed, is also named in the trace. The signals SIGSEGV, SIGBUS, SIGFPE and
 // SIGILL are left to a Java machine that handles them, because it cannot work without. A plug-in's handlers are put
